@@ -1,0 +1,363 @@
+// libnxaclient: hosting of small user programs ("modules") in a device's
+// service daemon, and building them.
+//
+// The host creates one NXAClient, configures module names on its `modules`
+// registry, calls run(), and then drives everything from its own
+// single-threaded polling loop: addFds(), wait (waitFds), handleInput(),
+// handleOutput(), and handle() for every bus message it receives. The library
+// has no threads and no timers. All diagnostics are trace lines on standard
+// output: "[LEVEL] Component::function() message".
+#pragma once
+
+#include <deque>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <vlplatform/exceptions.h>
+#include <vlplatform/fd_set.h>
+#include <vlplatform/messages.h>
+#include <vlplatform/proc.h>
+#include <vlplatform/vlpbus_client.h>
+
+// Tests may define this type to look at the private state of the classes below.
+struct NXATestAccess;
+
+// The facade the host creates: configuration, the module registry, the polling
+// entry points and the build and packaging operations. Neither copied nor moved.
+class NXAClient {
+public:
+    class Module;
+    class Peer;
+
+    // One chunk of a module's terminal output, exactly as read. Made once by
+    // Peers::push and shared, unchanged, by the queues of all peers of the module.
+    struct bufdata_t {
+        std::string bytes;
+    };
+
+    // One element of a peer's queue: a chunk and how many of its bytes this
+    // peer's consumer has already been given (only telnet peers advance it).
+    struct bufblock_t {
+        unsigned long long offset;
+        std::shared_ptr<bufdata_t> data;
+    };
+
+    // Base of the consumers of a module's output. Each peer keeps its own queue
+    // of at most queueBound chunks: pushing more drops the oldest. A peer refers to
+    // its module, which must outlive it; the module's peer set owns it.
+    class Peer {
+    public:
+        static constexpr std::size_t queueBound = 10;
+
+        Peer(Module const& module, std::string const& id);
+        virtual ~Peer();
+        Peer(Peer const&) = delete;
+        Peer& operator=(Peer const&) = delete;
+
+        // Releases the peer's own resource (a socket), if it has one.
+        virtual void close() = 0;
+        // Registers descriptors for the next wait. The base registers nothing.
+        virtual void addFds(FdSet& rd, FdSet& wr);
+        // Appends input for the module's program to `in`; true when the peer is
+        // finished and is to be removed.
+        virtual bool forward(FdSet const& rd, std::string& in) = 0;
+        // Delivers queued output to the consumer.
+        virtual void write(FdSet const& wr) = 0;
+
+        // Appends a chunk to the queue and keeps its newest queueBound blocks.
+        void push(std::shared_ptr<bufdata_t> const& chunk);
+
+        std::string const& getId() const { return id; }
+        std::deque<bufblock_t> const& getQueue() const { return queue; }
+
+    protected:
+        // Starts the queue as a copy of the module's run-log queue, so a new
+        // consumer first receives the module's most recent output.
+        void seedFromRunLog();
+
+        Module const& module;
+        std::string id;
+        std::deque<bufblock_t> queue;
+
+        friend struct ::NXATestAccess;
+    };
+
+    // A module's set of peers, keyed by id and visited in ascending id order.
+    // It owns its peers. Exceptions of a peer's forward() or write() leave the
+    // visit at once; the failing peer stays in the set.
+    class Peers {
+    public:
+        // Takes ownership of every peer in `initial`, in list order; a peer whose
+        // id is already present is destroyed at once.
+        Peers(Module const& module, std::initializer_list<Peer*> initial);
+        ~Peers();
+        Peers(Peers const&) = delete;
+        Peers& operator=(Peers const&) = delete;
+
+        // Adopts the accepted connection fd as telnet peer "telnet:<fd>". When that
+        // id exists already, warns and leaves fd open and untracked.
+        void add(int fd);
+        // Adds a bus peer for the subscriber `id`; warns when the id exists.
+        void add(std::string const& id);
+        // Removes and destroys the peer `id` (of any kind); warns when absent.
+        void erase(std::string const& id);
+        // Copies the bytes once into a shared chunk queued by every peer.
+        // Nothing is copied when the set is empty.
+        void push(unsigned char const* data, unsigned long length) const;
+        // Lets every peer append its input to `in`; removes the finished ones.
+        void forward(FdSet const& rd, std::string& in);
+        // Lets every peer write.
+        void write(FdSet const& wr) const;
+        // Lets every peer register its descriptors.
+        void addFds(FdSet& rd, FdSet& wr) const;
+        // Closes every peer; they stay in the set.
+        void close() const;
+
+        // The peer with this id, or null.
+        Peer* find(std::string const& id) const;
+        std::size_t size() const { return peers.size(); }
+
+    private:
+        Module const& module;
+        std::map<std::string, std::unique_ptr<Peer>> peers;
+
+        friend struct ::NXATestAccess;
+    };
+
+    // A TCP connection accepted on a module's port. Output goes to the client
+    // unchanged; what the client types goes to the module's program unchanged.
+    class PeerTelnet : public Peer {
+    public:
+        // Adopts fd (closed by close() or the destructor).
+        PeerTelnet(Module const& module, std::string const& id, int fd);
+        ~PeerTelnet() override;
+
+        void close() override;
+        void addFds(FdSet& rd, FdSet& wr) override;
+        // Reads at most 512 bytes. Throws IOException "cannot read from <id>" on a
+        // read error; returns true (socket closed) at end of stream.
+        bool forward(FdSet const& rd, std::string& in) override;
+        // Writes the front chunk once, resuming partial writes. Throws IOException
+        // "cannot write to <id>" on a write error, VLException "EOF on <id>" (socket
+        // closed) when nothing could be written.
+        void write(FdSet const& wr) override;
+
+    private:
+        int fd;
+
+        friend struct ::NXATestAccess;
+    };
+
+    // A bus subscriber of the module's output: one kind-34 system message per
+    // chunk, sent over the module's own bus connection.
+    class PeerVLPBus : public Peer {
+    public:
+        PeerVLPBus(Module const& module, std::string const& id);
+        ~PeerVLPBus() override;
+
+        void close() override;
+        void addFds(FdSet& rd, FdSet& wr) override;
+        bool forward(FdSet const& rd, std::string& in) override;
+        // Sends the front chunk to the subscriber and drops it from the queue.
+        void write(FdSet const& wr) override;
+    };
+
+    // The module's run log: a peer nobody drains, holding the latest output.
+    class PeerLog : public Peer {
+    public:
+        explicit PeerLog(Module const& module);
+        ~PeerLog() override;
+
+        void close() override;
+        bool forward(FdSet const& rd, std::string& in) override;
+        void write(FdSet const& wr) override;
+        // Appends the logged chunks, oldest first, to `out` and empties the log.
+        void move(std::string& out);
+    };
+
+    // One installed module: its listening TCP port, its pseudo-terminal, its own
+    // bus connection ("NXAModule_<name>") and, once run, its program as a child.
+    // Neither copied nor moved; its peers refer to it.
+    class Module {
+    public:
+        // Manifest architecture -> machines on which such a module may run.
+        // "noarch" modules run everywhere besides.
+        static std::map<std::string, std::set<std::string>> const archmap;
+
+        // Opens the socket (listening on all IPv4 addresses at `port`; a port that
+        // cannot be bound is reported and tolerated), the terminal pair and the
+        // bus connection (ten one-second retries), and announces the module.
+        // Throws IOException or VLException; on a throw the descriptors and the bus
+        // client opened so far are left open.
+        Module(std::string const& name, unsigned short port, Proc& proc);
+        // Stops the module (stop()) and frees the bus client.
+        ~Module();
+        Module(Module const&) = delete;
+        Module& operator=(Module const&) = delete;
+
+        // Whether the manifest dir/<name>/Manifest allows this module on the machine
+        // `machinearch`. Throws IOException when the manifest does not exist.
+        bool scan(std::string const& dir, std::string const& machinearch) const;
+        // Appends the run log to `out` and empties it.
+        void getRunLog(std::string& out) const;
+
+        // Forks the program's child. In the child it returns only by exception.
+        void run();
+        // Replaces the (child) process by the module's program; never returns.
+        [[noreturn]] void exec();
+        // Closes the peers and descriptors, stops the child, leaves the bus.
+        void stop();
+
+        void addFds(FdSet& rd, FdSet& wr) const;
+        void handleInput(FdSet const& rd);
+        void handleOutput(FdSet const& wr);
+        void handleMessage(MessageBase const& msg);
+        // Pushes the message's text to every peer as if the program had printed it.
+        void handleInput(SystemMessage const& sm);
+
+        // What the peers use of their module.
+        std::string const& getName() const { return name; }
+        VLPBusClient* getBus() const { return bus; }
+        // The run-log peer, or null once it has been erased from the peer set.
+        PeerLog* getRunLogPeer() const;
+
+    private:
+        void openListeningSocket(unsigned short port);
+        void connectToBus();
+        void readTerminal();
+        void serveBus();
+        [[noreturn]] void startChild();
+
+        std::string name;
+        pid_t childpid;
+        Proc& proc;
+        int serverfd;
+        int master;
+        int slave;
+        // Plain owning pointer: a constructor that throws leaves the client allocated.
+        VLPBusClient* bus;
+        std::string bufConn2Child;
+        Peers peers;
+        PeerLog& runlog;
+
+        friend struct ::NXATestAccess;
+    };
+
+    // The registry and supervisor of all modules: creates them with their ports,
+    // drops those whose manifest does not fit the machine, starts and stops their
+    // children and fans the polling calls out to them in configuration order.
+    class Modules {
+    public:
+        Modules(unsigned short port, unsigned long maxModules);
+        ~Modules();
+        Modules(Modules const&) = delete;
+        Modules& operator=(Modules const&) = delete;
+
+        // Replaces all modules by one per name: module k listens on port + k.
+        // Names beyond maxModules are warned about and skipped.
+        void configure(std::vector<std::string> const& names);
+        // Drops every module whose manifest in `dir` does not allow it here.
+        void scan(std::string const& dir);
+        std::vector<std::string> getModuleNames() const;
+
+        // Reaps ended children, throws IOException(EBUSY) "NXA process(es) still
+        // running" if any is left, then starts every module's child.
+        void run();
+        // Destroys every module (ending its child) and empties the list.
+        void stop();
+
+        void addFds(FdSet& rd, FdSet& wr) const;
+        void handleInput(FdSet const& rd) const;
+        void handleOutput(FdSet const& wr) const;
+        // Acts on kind 4 "71-NXAStartOutput"/"72-NXAStopOutput" (trace only) and on
+        // kind 34 (text pushed to every module's peers). True when the message was
+        // meant for the modules.
+        bool handle(RouterMessage const& msg) const;
+        void handleInput(SystemMessage const& msg) const;
+        void addPeer(std::string const& name) const;
+        void removePeer(std::string const& name) const;
+        // Appends every module's run log, in list order, to `out`.
+        void getRunLog(std::string& out) const;
+
+    private:
+        unsigned short port;
+        unsigned long maxModules;
+        std::vector<std::unique_ptr<Module>> list;
+        Proc proc;
+
+        friend struct ::NXATestAccess;
+    };
+
+    // Trace level of the process: 0 INFO/WARNING/ERROR only; 1 adds DEBUG lines;
+    // 2 and above add the detailed ones. Set by the constructor.
+    static unsigned int debug;
+    // Memory (bytes) from which a build runs two make jobs instead of one.
+    static constexpr unsigned long joblimit = 536870912UL;
+
+    static constexpr char NXA_KEY_ARCH[13] = "architecture";
+    static constexpr char NXA_KEY_NAME[5] = "name";
+    static constexpr char NXA_MANIFEST[9] = "Manifest";
+    static constexpr char NXA_TMPDIR[9] = "/tmp/nxa";
+    static constexpr char NXA_DEVEL_ZIP[18] = "/tmp/nxadevel.zip";
+    static constexpr char NXA_BIN[9] = "nxadevel";
+    static constexpr char NXA_ZIP[8] = "nxa.zip";
+
+    // packageDir: where unpack() looks for nxa.zip; modulesDir: where modules are
+    // installed and their manifests checked; workDir: the build workspace; the
+    // fourth argument is ignored; port: first module's TCP port; maxModules: most
+    // modules; spareText: kept, unused; debug: the trace level. Throws
+    // std::logic_error for a null directory.
+    NXAClient(char const* packageDir, char const* modulesDir, char const* workDir, unsigned long,
+              unsigned short port, unsigned long maxModules, std::string const& spareText,
+              unsigned int debug);
+    // Stops every module.
+    virtual ~NXAClient();
+    NXAClient(NXAClient const&) = delete;
+    NXAClient& operator=(NXAClient const&) = delete;
+
+    // Installs the package (unpack()), then starts the modules' children.
+    void run();
+    // Stops and removes every module.
+    void stop();
+    void addFds(FdSet& rd, FdSet& wr) const;
+    bool handle(RouterMessage const& msg) const;
+    void handleInput(FdSet const& rd) const;
+    void handleOutput(FdSet const& wr) const;
+    // Replaces `out` by the run logs of all modules, in configuration order.
+    void getRunLog(std::string& out) const;
+    std::vector<std::string> getModulesInstalled() const;
+
+    // Builds the source archive `src` into the development package
+    // "/tmp/nxadevel.zip"; unzip's and make's output is appended to `log`.
+    // Leaves the working directory in workDir/src.
+    void build(std::string const& src, std::string& log, bool force);
+    // Runs make on the shared module Makefile with the fixed build variables.
+    void make(std::string& log, std::vector<std::string> const& args);
+    // Zips the workspace's sources into `dest`.
+    void getSources(std::string const& dest, std::string& log);
+    // Links workDir/src/<name> to the shared data file of that name.
+    void createFile(std::string const& name);
+    // Writes dir/Manifest and zips `dir` to "/tmp/nxadevel.zip". `log` is unused.
+    void makePackage(std::string const& dir, std::string& log);
+    // Installs packageDir/nxa.zip into modulesDir and rescans the modules.
+    void unpack();
+
+private:
+    std::string packageDir;
+    std::string modulesDir;
+    std::string workDir;
+    std::string spareText;
+
+public:
+    // The module registry; the host configures it.
+    Modules modules;
+
+private:
+    unsigned long totalRam;
+
+    friend struct ::NXATestAccess;
+};

@@ -1,0 +1,43 @@
+// Child processes of one parent: fork, stop and reap.
+#pragma once
+
+#include <set>
+#include <sys/types.h>
+
+// Keeps the ids of the children forked through it until they are reaped.
+// stop() and waitChildren() only touch children of this object.
+class Proc {
+public:
+    // `self` is the id of the process that owns this object (usually getpid()).
+    explicit Proc(pid_t self);
+
+    // Forks. Returns the child's id in the parent (and records it), 0 in the
+    // child, -1 with errno when the fork fails. An exported function, so tests
+    // can interpose it.
+    pid_t fork();
+
+    // Ends the child `pid`: SIGTERM to its process group and to itself, waits up to
+    // the grace time (stopGraceMs) for it to end, then SIGKILL, and reaps it. A
+    // child that has already ended is only reaped. The id is removed from
+    // children(). Does nothing for an id that is not a recorded child.
+    void stop(pid_t pid);
+
+    // Reaps every recorded child that has ended, removes it from children() and
+    // adds its id to *ended (when ended is not null). With wait false it never
+    // waits for a child that is still running; with wait true it waits until every
+    // recorded child has ended.
+    void waitChildren(bool wait, std::set<int>* ended);
+
+    // The ids of the recorded children that have not been reaped yet.
+    std::set<int> const& children() const { return children_; }
+
+    // The id given at construction.
+    pid_t self() const { return self_; }
+
+    // How long stop() waits after SIGTERM before it sends SIGKILL.
+    static constexpr int stopGraceMs = 1000;
+
+private:
+    pid_t self_;
+    std::set<int> children_;
+};

@@ -1,0 +1,55 @@
+#include "capture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace nxatest {
+
+namespace {
+
+void flushAll() {
+    std::cout.flush();
+    std::cerr.flush();
+    std::fflush(nullptr);
+}
+
+}  // namespace
+
+Capture::Capture(int fd) : fd_(fd) {
+    flushAll();
+    char name[] = "/tmp/nxatest-capture.XXXXXX";
+    file_ = mkstemp(name);
+    if (file_ < 0) throw std::runtime_error("cannot create capture file");
+    unlink(name);
+    saved_ = dup(fd_);
+    dup2(file_, fd_);
+}
+
+Capture::~Capture() { release(); }
+
+std::string Capture::text() const {
+    flushAll();
+    std::string out;
+    char buf[4096];
+    off_t pos = 0;
+    ssize_t n;
+    while ((n = pread(file_, buf, sizeof buf, pos)) > 0) {
+        out.append(buf, static_cast<std::size_t>(n));
+        pos += n;
+    }
+    return out;
+}
+
+std::string Capture::release() {
+    if (saved_ < 0) return text();
+    std::string out = text();
+    dup2(saved_, fd_);
+    ::close(saved_);
+    saved_ = -1;
+    return out;
+}
+
+}  // namespace nxatest

@@ -1,0 +1,64 @@
+#include "shell.h"
+
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace nxatest {
+
+ShellResult shell(std::string const& command) {
+    ShellResult result{-1, {}};
+    std::string full = "(" + command + ") 2>&1";
+    FILE* pipe = popen(full.c_str(), "r");
+    if (!pipe) return result;
+    char buf[4096];
+    std::size_t n;
+    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) result.output.append(buf, n);
+    int status = pclose(pipe);
+    if (status == -1) return result;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+bool waitUntil(std::function<bool()> const& condition, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+int openDescriptorCount() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (!dir) return -1;
+    while (dirent* e = readdir(dir)) {
+        if (e->d_name[0] != '.') ++count;
+    }
+    closedir(dir);
+    return count - 1;  // the directory stream's own descriptor
+}
+
+void writeFile(std::string const& path, std::string const& content, int mode) {
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    chmod(path.c_str(), static_cast<mode_t>(mode));
+}
+
+std::string readFile(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream os;
+    os << in.rdbuf();
+    return os.str();
+}
+
+}  // namespace nxatest
