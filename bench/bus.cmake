@@ -1,0 +1,1 @@
+# Bus throughput benchmark.

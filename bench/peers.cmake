@@ -1,0 +1,1 @@
+# Fan-out benchmarks.

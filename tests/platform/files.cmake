@@ -1,0 +1,1 @@
+# Ini parser and zip archive tests.
