@@ -1,0 +1,28 @@
+// NXAClient::Peer: the bounded queue every kind of peer shares.
+#include "nxaclient.h"
+
+#include "client/trace.h"
+
+NXAClient::Peer::Peer(Module const& module, std::string const& id)
+    : module(module), id(id), queue() {}
+
+NXAClient::Peer::~Peer() = default;
+
+void NXAClient::Peer::addFds(FdSet&, FdSet&) {}
+
+void NXAClient::Peer::push(std::shared_ptr<bufdata_t> const& chunk) {
+    queue.push_back(bufblock_t{0, chunk});
+    NXA_DETAIL(nxa::trace::kPeer, "push: queue size=", queue.size());
+    // Oldest first, even a partly delivered block: a slow consumer loses output,
+    // it never holds up the module.
+    while (queue.size() > queueBound) {
+        NXA_DETAIL(nxa::trace::kPeer, "pop element from queue with size=", queue.size());
+        queue.pop_front();
+    }
+}
+
+void NXAClient::Peer::seedFromRunLog() {
+    // The run log may have been erased from the peer set; a new peer then
+    // starts with an empty queue.
+    if (PeerLog const* runlog = module.getRunLogPeer()) queue = runlog->getQueue();
+}
