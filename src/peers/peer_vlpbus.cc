@@ -1,0 +1,43 @@
+// NXAClient::PeerVLPBus: a bus subscriber of the module's output, served over
+// the module's own bus connection, one system message per chunk.
+#include "nxaclient.h"
+
+#include <utility>
+
+namespace {
+
+// Kind code of a system message carrying text, as the modules' own text messages.
+constexpr unsigned char kTextKind = 0x22;
+
+// The bus client's descriptor, -1 when there is no client or it is not connected.
+int busFd(VLPBusClient const* bus) { return bus ? bus->fd() : -1; }
+
+}  // namespace
+
+NXAClient::PeerVLPBus::PeerVLPBus(Module const& module, std::string const& id) : Peer(module, id) {
+    seedFromRunLog();
+}
+
+NXAClient::PeerVLPBus::~PeerVLPBus() = default;
+
+void NXAClient::PeerVLPBus::close() {}
+
+void NXAClient::PeerVLPBus::addFds(FdSet&, FdSet& wr) {
+    int fd = busFd(module.getBus());
+    if (fd != -1 && !queue.empty()) wr.add(fd);
+}
+
+bool NXAClient::PeerVLPBus::forward(FdSet const&, std::string&) { return false; }
+
+void NXAClient::PeerVLPBus::write(FdSet const& wr) {
+    VLPBusClient* bus = module.getBus();
+    int fd = busFd(bus);
+    if (fd < 0 || !wr.isSet(fd) || queue.empty()) return;
+    auto msg = std::make_unique<SystemMessage>();
+    msg->setKind(kTextKind);
+    msg->setText(queue.front().data->bytes);
+    msg->stripNullChar();
+    bus->sendTo("NXAModule_" + module.getName(), id, std::move(msg));
+    // Only once sent: when sendTo throws, the chunk is tried again next cycle.
+    queue.pop_front();
+}
