@@ -32,6 +32,10 @@ Capture::~Capture() { release(); }
 
 std::string Capture::text() const {
     flushAll();
+    return textUnflushed();
+}
+
+std::string Capture::textUnflushed() const {
     std::string out;
     char buf[4096];
     off_t pos = 0;

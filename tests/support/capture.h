@@ -17,6 +17,9 @@ public:
 
     // Everything written since construction.
     std::string text() const;
+    // What has reached the descriptor so far, without flushing any stream first:
+    // shows whether the code under test flushed its own output.
+    std::string textUnflushed() const;
     // Ends the capture early (also done by the destructor) and returns the text.
     std::string release();
 
