@@ -30,9 +30,13 @@ std::string makeString(T const& value) {
 
 // Writes the bytes [first, last) as a hex dump, `width` bytes per line.
 // Each line starts with `label` and ": "; with prefixKind 1 the line's offset
-// follows as eight hex digits and ": "; with 0 there is no offset. The hex bytes
-// are separated by blanks; with `ascii` true the printable characters follow
-// after two blanks ('.' for the others). Every line ends with '\n'. Writes
-// nothing for an empty range; width 0 is taken as 16.
+// from `first` follows as eight lower-case hex digits and ": "; with any other
+// value there is no offset. Each byte is two lower-case hex digits, separated by
+// one blank. With `ascii` true two blanks and the line's characters follow
+// (printable ASCII as it is, '.' for the others); a short last line is padded
+// with three blanks per missing byte first, so the characters line up. Every
+// line ends with '\n'. Writes nothing for an empty range; width 0 is taken as 16.
+//     hexdump(os, p, p + 3, "master", 4, 1, true) with "AB\n" writes
+//     "master: 00000000: 41 42 0a     AB.\n"
 void hexdump(std::ostream& os, unsigned char const* first, unsigned char const* last,
              char const* label, unsigned width, int prefixKind, bool ascii);
