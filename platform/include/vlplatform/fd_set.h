@@ -5,8 +5,23 @@
 #include <cstdint>
 #include <vector>
 
+class FdSet;
+
+// Waits (with poll) until a descriptor of `rd` is readable or one of `wr` is
+// writable, or `timeoutMs` passes (negative: no time-out). On return each set
+// holds only its ready descriptors (a hang-up or error counts as ready for
+// reading, and for writing when the descriptor was asked for writing); count()
+// of both sets is left as it was. Returns the number of ready descriptors
+// counted per set (a descriptor ready in both counts twice), 0 on time-out, and
+// -1 with errno on failure, the sets then unchanged: EINTR when a signal
+// arrived, EBADF when a set holds a descriptor that is not open (as select
+// does). `rd` and `wr` must be two different objects. Allocates nothing once
+// its per-thread buffer of poll entries has grown to the sets' size.
+int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
+
 // A set of descriptors with its count (highest added descriptor + 1, 0 when empty).
-// Negative descriptors are ignored by add() and never reported as set.
+// Negative descriptors are ignored by add() and never reported as set. Storage
+// is a bitmap that grows to the highest descriptor added and is kept by clear().
 class FdSet {
 public:
     // Adds fd; raises count() to fd + 1 when fd is not below it. Negative fd: no effect.
@@ -21,14 +36,8 @@ public:
     void remove(int fd);
 
 private:
+    friend int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
+
     std::vector<std::uint64_t> bits_;
     int count_ = 0;
 };
-
-// Waits (with poll) until a descriptor of `rd` is readable or one of `wr` is
-// writable, or `timeoutMs` passes (negative: no time-out). On return each set
-// holds only its ready descriptors (a hang-up or error counts as ready for
-// reading, and for writing when the descriptor was asked for writing).
-// Returns the number of ready descriptors counted per set, 0 on time-out, and -1
-// with errno on failure (EINTR included; the sets are then unchanged).
-int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
