@@ -5,21 +5,27 @@
 #include <sys/types.h>
 
 // Keeps the ids of the children forked through it until they are reaped.
-// stop() and waitChildren() only touch children of this object.
+// stop() and waitChildren() only touch children of this object; its children
+// must be reaped only through it (a child reaped elsewhere frees its id for
+// reuse while it is still recorded here).
 class Proc {
 public:
     // `self` is the id of the process that owns this object (usually getpid()).
     explicit Proc(pid_t self);
 
     // Forks. Returns the child's id in the parent (and records it), 0 in the
-    // child, -1 with errno when the fork fails. An exported function, so tests
-    // can interpose it.
+    // child, -1 with errno when the fork fails. In the child the object's copy
+    // forgets the recorded children (they are not the child's), so a stop() in
+    // the child never signals them. An exported function, so tests can
+    // interpose it.
     pid_t fork();
 
-    // Ends the child `pid`: SIGTERM to its process group and to itself, waits up to
-    // the grace time (stopGraceMs) for it to end, then SIGKILL, and reaps it. A
-    // child that has already ended is only reaped. The id is removed from
-    // children(). Does nothing for an id that is not a recorded child.
+    // Ends the child `pid`: SIGTERM to its process group (the child is expected
+    // to lead one) and to itself, waits up to the grace time (stopGraceMs),
+    // polling, for it to end, then SIGKILL to both and reaps it. A child that has
+    // already ended is reaped at once (what is left of its group still gets the
+    // SIGTERM). The id is removed from children(). Does nothing for an id that is
+    // not a recorded child.
     void stop(pid_t pid);
 
     // Reaps every recorded child that has ended, removes it from children() and
