@@ -7,7 +7,9 @@
 
 // Fills `addr` with the IPv4 address of `host` (a dotted address or a name;
 // null means any local address) and `port`, and returns the length to pass to
-// bindSocket. Throws IOException when `host` cannot be resolved.
+// bindSocket. Throws IOException(EINVAL, "cannot resolve " + host + " (" + the
+// resolver's text + ")") when `host` has no IPv4 address (errno instead of
+// EINVAL when the resolver failed on a system call).
 socklen_t setInetAddr(char const* host, unsigned short port, sockaddr_in& addr);
 
 // Binds fd to addr. Throws IOException(errno, "cannot bind to " + address) on failure,
@@ -22,9 +24,11 @@ void listenConnection(int fd, int backlog);
 // addr and len may be null.
 int acceptClient(int fd, sockaddr* addr, socklen_t* len);
 
-// Opens a new pseudo-terminal pair: master with open(flags | O_NOCTTY), slave
-// read-write without becoming a controlling terminal, both already in raw mode.
-// Returns 0, or -1 with errno (nothing is left open then).
+// Opens a new pseudo-terminal pair: master with posix_openpt(flags | O_NOCTTY),
+// slave read-write (O_RDWR | O_NOCTTY, so it does not become the controlling
+// terminal), the terminal already in raw mode (cfmakeraw), so even the first
+// bytes a child writes pass unchanged. Returns 0, or -1 with errno; master and
+// slave are then unchanged and nothing is left open.
 int openPtyPair(int& master, int& slave, int flags);
 
 // Prints the address as a.b.c.d:port.
