@@ -180,41 +180,67 @@ public:
     };
 
     // One installed module: its listening TCP port, its pseudo-terminal, its own
-    // bus connection ("NXAModule_<name>") and, once run, its program as a child.
-    // Neither copied nor moved; its peers refer to it.
+    // bus connection ("NXAModule_<name>") and, once run, its program
+    // "/var/opt/velmora/nxa/<name>/<name>" as a child on that terminal.
+    // It owns its peer set (which starts with the run log, id "client"), its
+    // descriptors and its bus client. Neither copied nor moved; its peers refer to it.
     class Module {
     public:
         // Manifest architecture -> machines on which such a module may run.
         // "noarch" modules run everywhere besides.
         static std::map<std::string, std::set<std::string>> const archmap;
 
-        // Opens the socket (listening on all IPv4 addresses at `port`; a port that
-        // cannot be bound is reported and tolerated), the terminal pair and the
-        // bus connection (ten one-second retries), and announces the module.
-        // Throws IOException or VLException; on a throw the descriptors and the bus
-        // client opened so far are left open.
+        // Opens the socket (listening on all IPv4 addresses at `port`, backlog 1;
+        // a port that cannot be bound is reported as an ERROR line and tolerated),
+        // the raw terminal pair and the bus connection (ten one-second retries,
+        // a WARNING line each), and announces the module as "running" to
+        // "VLPBusServer". Throws IOException ("create socket", "cannot set
+        // SO_REUSEADDR", "cannot open PTY pair") or VLException ("[ERROR]
+        // Connection to VLPBus server failed"); on a throw the descriptors and the
+        // bus client opened so far are left open and allocated.
         Module(std::string const& name, unsigned short port, Proc& proc);
-        // Stops the module (stop()) and frees the bus client.
+        // stop(), then frees the bus client. Never throws (an exception ends the process).
         ~Module();
         Module(Module const&) = delete;
         Module& operator=(Module const&) = delete;
 
         // Whether the manifest dir/<name>/Manifest allows this module on the machine
-        // `machinearch`. Throws IOException when the manifest does not exist.
+        // `machinearch`. Throws IOException(errno, path) when the manifest does not
+        // exist; an unreadable or unparsable manifest is reported and gives false.
         bool scan(std::string const& dir, std::string const& machinearch) const;
-        // Appends the run log to `out` and empties it.
+        // Appends the run log to `out` and empties it. Nothing once the run log
+        // has been erased from the peer set.
         void getRunLog(std::string& out) const;
 
-        // Forks the program's child. In the child it returns only by exception.
+        // Forks the program's child and makes the terminal raw. Returns in the
+        // parent. In the child it returns only by exception (IOException "cannot
+        // set session leader" or "cannot replace stdin/stdout/stderr of NXA
+        // child"), which the caller's copy of the process must handle. On an
+        // IOException (also "cannot fork", "tcgetattr", "tcsetattr") the terminal
+        // pair is closed first.
         void run();
         // Replaces the (child) process by the module's program; never returns.
+        // When the program cannot be started, writes "cannot exec" on standard
+        // error and exits with status 1.
         [[noreturn]] void exec();
         // Closes the peers and descriptors, stops the child, leaves the bus.
+        // The descriptor fields keep their numbers: a second stop() closes them again.
         void stop();
 
+        // Registers the listening socket and the bus connection for reading, the
+        // terminal for reading (and for writing while input for the program waits),
+        // and the peers' descriptors.
         void addFds(FdSet& rd, FdSet& wr) const;
+        // Serves what is ready: accepts one telnet client, reads at most 512 bytes
+        // of the program's output for the peers, reads the bus, then collects the
+        // peers' input for the program. Throws IOException "cannot read from
+        // PTTY" on a terminal read error; peers' exceptions pass through.
         void handleInput(FdSet const& rd);
+        // Writes waiting input to the program's terminal, then lets the peers
+        // write. Throws IOException "cannot write to PTY master".
         void handleOutput(FdSet const& wr);
+        // Acts on the kind 4 system messages "71-NXAStartOutput" (adds a bus peer
+        // for the sender) and "72-NXAStopOutput" (erases it); ignores the rest.
         void handleMessage(MessageBase const& msg);
         // Pushes the message's text to every peer as if the program had printed it.
         void handleInput(SystemMessage const& sm);
@@ -227,14 +253,26 @@ public:
 
     private:
         void openListeningSocket(unsigned short port);
+        void bindAndListen(unsigned short port);
+        void openTerminal();
         void connectToBus();
-        void readTerminal();
-        void serveBus();
+        void retryBusConnection();
+        void announceOnBus();
+        bool manifestFits(std::string const& path, std::string const& machinearch) const;
         [[noreturn]] void startChild();
+        void makeTerminalRaw();
+        void closeTerminal();
+        void closeDescriptors();
+        void acceptConnection();
+        void readTerminal();
+        void writeTerminal();
+        void serveBus();
 
         std::string name;
         pid_t childpid;
         Proc& proc;
+        // Plain descriptors, -1 when not open. stop() closes them without
+        // forgetting their numbers, and a throwing constructor leaves them open.
         int serverfd;
         int master;
         int slave;
