@@ -1,1 +1,2 @@
 # Ini parser and zip archive tests.
+nxa_test(ini_parser_test SOURCES ini_parser_test.cc LIBS vlplatform)
