@@ -5,22 +5,49 @@
 
 namespace zipper {
 
-// Sets the trace level of the zip helpers (0: silent; 1 and above: one line per
-// archive on standard output, in the trace frame of component "zipper").
+// Sets the trace level of the zip helpers. At 0 they write nothing; at 1 and
+// above each call of zipFolderAsFolder or unZipWithDirs writes one line on
+// standard output, under LogUtil::logMutex, flushed:
+//     [DEBUG] zipper::<function>() <from> -> <to>: <n> entries
+//     [DEBUG] zipper::<function>() <from> -> <to>: failed: <reason>
+// where <from> and <to> are the two paths as given.
 void setDebug(unsigned level);
 
 // Writes a fresh `archive` (an old one is replaced) holding `folder` by its
-// last path component, recursively, with directory entries. Returns 0, or -1
-// with errno on failure (the old archive is then left as it was).
+// last path component, recursively, with directory entries ("name/"). Each
+// entry carries its Unix mode in the external attributes (so executables stay
+// executable after unZipWithDirs) and its modification time. Symbolic links
+// are followed (the archive holds what they point to); FIFOs, sockets and
+// devices are left out. The archive is written into a temporary file beside
+// `archive` and renamed over it only on success, so a failure leaves the old
+// archive as it was. Returns 0, or -1 with errno on failure: ENOENT when
+// `folder` (or the directory of `archive`) does not exist, ENOTDIR when it is
+// not a directory, ELOOP for a directory loop through symbolic links, the
+// system's number for any other failed system call.
 int zipFolderAsFolder(std::string const& folder, std::string const& archive);
 
-// Extracts `archive` into `dest`, creating directories as the entries need.
-// `password` decrypts encrypted entries when not empty. Returns 0, or -1 on any
-// failure. It refuses (-1, nothing written) archives with an entry whose name is
-// absolute, holds a ".." component or a backslash, or is a symbolic link; a
-// corrupt or truncated archive is a failure too. Data is first extracted into a
-// hidden scratch folder inside `dest` and moved into place only when the whole
-// archive was read correctly, so nothing is ever written outside `dest`.
+// Extracts `archive` into `dest`, creating `dest` (with its parents) and the
+// directories the entries need. `password` decrypts encrypted entries when not
+// empty. Returns 0, or -1 with errno: ENOENT for a missing archive, EINVAL for
+// a file that is not a usable zip archive or holds a refused entry, EIO for
+// damaged data (CRC or decompression error), the system's number for a failed
+// system call.
+//
+// Every entry is checked before anything is written: an archive with an entry
+// whose name is empty, absolute, holds a ".." component or a backslash, starts
+// with ".nxa-unzip-", or that is a symbolic link (Unix mode S_IFLNK in the
+// external attributes; refused wherever it points, also inside `dest`) is
+// refused as a whole and nothing at all is written, `dest` not even created.
+// Then the data is extracted into a hidden scratch folder inside `dest`
+// (".nxa-unzip-XXXXXX"), reading each entry in chunks up to its declared size
+// and checking its CRC, and moved into place only when the whole archive was
+// read correctly; the scratch folder is removed in every case, and so are the
+// directories made for `dest` when the call fails. Entries replace what `dest`
+// holds under the same name (files, and symbolic links, which are never
+// followed); directories are merged, an existing one keeping its mode. Files
+// get the permission bits of their Unix mode (set-user-id, set-group-id and
+// sticky bits dropped) and their time; directories get their mode plus the
+// owner's rwx. An archive without entries succeeds and writes nothing.
 int unZipWithDirs(std::string const& archive, std::string const& dest, std::string const& password);
 
 }  // namespace zipper

@@ -1,0 +1,52 @@
+// Private steps of zipper::unZipWithDirs: checking every entry before anything
+// is written, extracting into a scratch folder, and moving the result into
+// place.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include <zip.h>
+
+namespace zipper {
+namespace detail {
+
+// Prefix of the hidden scratch folder made inside the destination; entries
+// whose first component starts with it are refused.
+constexpr char kScratchPrefix[] = ".nxa-unzip-";
+
+// One archive entry, checked, as it will be extracted.
+struct PlannedEntry {
+    zip_uint64_t index;
+    std::string name;     // as stored, for messages
+    std::string path;     // relative path below the destination, components joined by '/'
+    bool directory;
+    bool hasMode;         // the archive gives Unix permission bits
+    mode_t mode;          // those bits (07777 mask), when hasMode
+    zip_uint64_t size;    // the declared uncompressed size
+    bool hasMtime;
+    time_t mtime;
+};
+
+// Checks every entry of `archive` and returns them in archive order. Throws
+// Failure (EINVAL) for the first entry whose name is empty, absolute, holds a
+// backslash or a ".." component, starts with kScratchPrefix, or that is a
+// symbolic link; nothing has been written then.
+std::vector<PlannedEntry> planEntries(zip_t* archive);
+
+// Writes `entry` below `root` (a directory this process has just made and
+// nobody else writes to), creating the directories it needs. Reads at most the
+// declared size and then checks that the entry ends there with a correct CRC.
+// Throws Failure.
+void extractEntry(zip_t* archive, PlannedEntry const& entry, std::string const& root);
+
+// Moves everything in directory `from` into directory `to`: a name that is not
+// in `to` is renamed there; two directories are merged; anything else in `to`
+// (a file, a symbolic link, a directory where the archive has a file) is
+// replaced. Never follows a symbolic link found in `to`. Throws Failure.
+void moveIntoPlace(std::string const& from, std::string const& to);
+
+}  // namespace detail
+}  // namespace zipper
