@@ -1,1 +1,8 @@
-# Fan-out benchmarks.
+# Fan-out benchmarks: Peers::push of one 512-byte chunk to 1, 8 and 64 peers,
+# with the allocations each push makes, and PeerLog::move of a full run log.
+# Not a ctest test. Its peers need a real module, which connects to the bus on
+# the fixed port, so run it inside the sandbox with its broker:
+#   tests/sandbox/nxa-sandbox --broker -- <build>/bench/peers_bench
+add_executable(peers_bench ${CMAKE_CURRENT_SOURCE_DIR}/peers_fanout.cc
+  ${CMAKE_CURRENT_SOURCE_DIR}/peers_alloc_counter.cc)
+target_link_libraries(peers_bench PRIVATE nxaclient benchmark::benchmark)
