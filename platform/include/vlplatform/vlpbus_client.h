@@ -36,7 +36,7 @@ public:
     // bytes (payload and properties); a message that does not fit is dropped
     // and counted (droppedMessages()).
     static constexpr std::size_t maxQueuedMessages = 256;
-    static constexpr std::size_t maxQueuedBytes = 4 * 1024 * 1024;
+    static constexpr std::size_t maxQueuedBytes = 8 * 1024 * 1024;
     // Most packets read by one read(), so that one call stays short.
     static constexpr unsigned maxPacketsPerRead = 64;
 
