@@ -31,7 +31,7 @@ public:
     // Reaps every recorded child that has ended, removes it from children() and
     // adds its id to *ended (when ended is not null). With wait false it never
     // waits for a child that is still running; with wait true it waits until every
-    // recorded child has ended.
+    // recorded child has ended (a wait interrupted by a signal is resumed).
     void waitChildren(bool wait, std::set<int>* ended);
 
     // The ids of the recorded children that have not been reaped yet.
