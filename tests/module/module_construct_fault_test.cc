@@ -1,0 +1,166 @@
+// Module construction that fails: no bus server at all, and the system calls
+// of the socket and the terminal pair. A throwing constructor leaves what it
+// opened so far open (and its bus client allocated): these tests show exactly that.
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "capture.h"
+#include "interpose.h"
+#include "module_harness.h"
+#include "sandbox.h"
+#include "shell.h"
+
+// The bus client of a constructor that gives up on the bus is left allocated
+// on purpose; the suppression file names that allocation and nothing else.
+extern "C" char const* __lsan_default_options() { return "suppressions=" NXA_BUS_CLIENT_LEAK_SUPP; }
+
+namespace {
+
+std::atomic<int> failSocket{0};      // errno for the next TCP socket()
+std::atomic<int> failReuseAddr{0};   // errno for the next SO_REUSEADDR
+std::atomic<int> failPtyPair{0};     // errno for the next openPtyPair()
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) {
+    static auto next = nxamodtest::nextDefinition<int (*)(int, int, int)>("socket");
+    if (domain == AF_INET && type == SOCK_STREAM) {
+        if (int err = failSocket.exchange(0)) {
+            errno = err;
+            return -1;
+        }
+    }
+    return next(domain, type, protocol);
+}
+
+extern "C" int setsockopt(int fd, int level, int name, void const* value, socklen_t len) {
+    static auto next =
+        nxamodtest::nextDefinition<int (*)(int, int, int, void const*, socklen_t)>("setsockopt");
+    if (level == SOL_SOCKET && name == SO_REUSEADDR) {
+        if (int err = failReuseAddr.exchange(0)) {
+            errno = err;
+            return -1;
+        }
+    }
+    return next(fd, level, name, value, len);
+}
+
+int openPtyPair(int& master, int& slave, int flags) {
+    static auto next = nxamodtest::nextDefinition<int (*)(int&, int&, int)>("_Z11openPtyPairRiS_i");
+    if (int err = failPtyPair.exchange(0)) {
+        errno = err;
+        return -1;
+    }
+    return next(master, slave, flags);
+}
+
+namespace {
+
+constexpr unsigned short kPort = 20100;
+constexpr char kRetrying[] = "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
+
+int countOf(std::string const& text, std::string const& part) {
+    int n = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+class ModuleConstructionFailure : public ::testing::Test {
+protected:
+    void SetUp() override {
+        NXA_REQUIRE_SANDBOX();
+        NXAClient::debug = 0;
+    }
+
+    // Constructs module demo and expects it to throw `what`; returns the
+    // construction's standard output. `opened` is how many descriptors it leaves.
+    template <class Exception>
+    std::string expectThrow(std::string const& what, int opened) {
+        nxatest::Capture capture;
+        int before = nxatest::openDescriptorCount();
+        try {
+            NXAClient::Module module("demo", kPort, proc);
+            ADD_FAILURE() << "no exception";
+        } catch (Exception const& e) {
+            EXPECT_EQ(e.what(), what);
+        }
+        EXPECT_EQ(nxatest::openDescriptorCount(), before + opened);
+        return capture.release();
+    }
+
+    Proc proc{::getpid()};
+};
+
+TEST_F(ModuleConstructionFailure, NoBusServerCostsTenWarningsOneSecondApartThenTheException) {
+    nxatest::brokerStop();
+    nxatest::Capture capture;
+    // Watches the trace and notes when each WARNING line appeared.
+    std::vector<std::chrono::steady_clock::time_point> seen;
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+        while (!done) {
+            int lines = countOf(capture.text(), kRetrying);
+            while (static_cast<int>(seen.size()) < lines) seen.push_back(std::chrono::steady_clock::now());
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
+    int before = nxatest::openDescriptorCount();
+    auto begin = std::chrono::steady_clock::now();
+    try {
+        NXAClient::Module module("demo", kPort, proc);
+        ADD_FAILURE() << "no exception";
+    } catch (VLException const& e) {
+        EXPECT_STREQ(e.what(), "[ERROR] Connection to VLPBus server failed");
+    }
+    auto elapsed = std::chrono::steady_clock::now() - begin;
+    // The socket and the terminal pair stay open: deliberate.
+    int after = nxatest::openDescriptorCount();
+    done = true;
+    watcher.join();
+    std::string out = capture.release();
+
+    std::string expected;
+    for (int i = 0; i < 10; ++i) expected += kRetrying;
+    EXPECT_EQ(out, expected);
+    EXPECT_GE(elapsed, std::chrono::seconds(10));
+    EXPECT_EQ(after, before + 3);
+    ASSERT_EQ(seen.size(), 10u);
+    for (std::size_t i = 1; i < seen.size(); ++i) {
+        auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(seen[i] - seen[i - 1]);
+        EXPECT_GE(gap.count(), 900) << "between warnings " << i << " and " << i + 1;
+        EXPECT_LE(gap.count(), 2500) << "between warnings " << i << " and " << i + 1;
+    }
+}
+
+TEST_F(ModuleConstructionFailure, SocketThatCannotBeCreatedThrows) {
+    failSocket = EMFILE;
+    std::string out = expectThrow<IOException>(std::string("create socket: ") + std::strerror(EMFILE), 0);
+    EXPECT_EQ(out, "");
+}
+
+TEST_F(ModuleConstructionFailure, SocketOptionThatCannotBeSetThrowsLeavingTheSocketOpen) {
+    failReuseAddr = ENOPROTOOPT;
+    std::string out =
+        expectThrow<IOException>(std::string("cannot set SO_REUSEADDR: ") + std::strerror(ENOPROTOOPT), 1);
+    EXPECT_EQ(out, "");
+}
+
+TEST_F(ModuleConstructionFailure, TerminalPairThatCannotBeOpenedThrowsLeavingTheSocketOpen) {
+    failPtyPair = EAGAIN;
+    NXAClient::debug = 2;
+    std::string out =
+        expectThrow<IOException>(std::string("cannot open PTY pair: ") + std::strerror(EAGAIN), 1);
+    EXPECT_EQ(out, "[DEBUG] NXAModule::Module() name=demo\n"
+                   "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n");
+    NXAClient::debug = 0;
+}
+
+}  // namespace
