@@ -18,7 +18,9 @@ inline constexpr char kMakefile[] = "/opt/velmora/share/nxa/Makefile";
 inline constexpr int kDirMode = 0777;
 
 // workDir/src: where the sources are unpacked and make runs.
-inline std::string sourceDir(std::string const& workDir) { return workDir + "/src"; }
+inline std::string sourceDir(std::string const& workDir) {
+    return workDir + "/src";
+}
 
 // workDir/nxadevel: the build output, zipped into the development package.
 inline std::string outputDir(std::string const& workDir) {

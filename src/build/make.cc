@@ -1,11 +1,11 @@
 // NXAClient::make: make on the shared module Makefile with the fixed build
 // environment.
+#include <vlplatform/exceptions.h>
+#include <vlplatform/system.h>
+
 #include <cerrno>
 #include <string>
 #include <vector>
-
-#include <vlplatform/exceptions.h>
-#include <vlplatform/system.h>
 
 #include "build/build_paths.h"
 #include "client/trace.h"
@@ -39,13 +39,11 @@ constexpr BuildVariable kBuildEnvironment[] = {
      "-DBOOST_NO_CXX11_SCOPED_ENUMS -DHAVE_CONFIG_H -I/opt/velmora/include -D__STDC_LIMIT_MACROS "
      "-D__STDC_CONSTANT_MACROS -D__STDC_FORMAT_MACROS -D_POSIX_THREADS "
      "-D_POSIX_THREAD_SAFE_FUNCTIONS -D_REENTRANT -D_GLIBCXX_USE_NANOSLEEP"},
-    {"NXACFLAGS",
-     NXA_FLAGS_HEAD
+    {"NXACFLAGS", NXA_FLAGS_HEAD
      " -fstack-protector-strong -Wformat -Werror=format-security -pipe  -O3 "
      "-Wp,-D_FORTIFY_SOURCE=2 -Wall -Werror -Wformat-security -Wignored-qualifiers -Wlogical-op "
      "-Wmissing-include-dirs -Wpointer-arith -Wundef -Wuninitialized"},
-    {"NXACXXFLAGS",
-     NXA_FLAGS_HEAD
+    {"NXACXXFLAGS", NXA_FLAGS_HEAD
      " -fstack-protector-strong -Wformat -Werror=format-security -pipe -fno-implement-inlines  "
      "-O3 -Wp,-D_FORTIFY_SOURCE=2 -Wall -Werror -Wformat-security -Wignored-qualifiers "
      "-Wlogical-op -Wmissing-include-dirs -Wpointer-arith -Wundef -Wuninitialized -Wno-vla "
@@ -90,7 +88,9 @@ std::string makeCommand(std::vector<std::string> const& args) {
 }
 
 // Bits 8 to 15 of a wait status: the exit code of a process that exited.
-unsigned exitCodeByte(int status) { return (static_cast<unsigned>(status) >> 8) & 0xffu; }
+unsigned exitCodeByte(int status) {
+    return (static_cast<unsigned>(status) >> 8) & 0xffu;
+}
 
 }  // namespace
 

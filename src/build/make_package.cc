@@ -1,11 +1,11 @@
 // NXAClient::makePackage: the manifest of a development build and its archive.
-#include <cerrno>
-#include <fstream>
-#include <string>
-
 #include <vlplatform/exceptions.h>
 #include <vlplatform/system.h>
 #include <vlplatform/zipper.h>
+
+#include <cerrno>
+#include <fstream>
+#include <string>
 
 #include "nxaclient.h"
 

@@ -1,14 +1,14 @@
 // NXAClient::build, getSources and createFile: the developer's operations on
 // the build workspace. Each of them changes the process's working directory to
 // the workspace's source directory and leaves it there.
-#include <cerrno>
-#include <string>
 #include <unistd.h>
-#include <vector>
-
 #include <vlplatform/exceptions.h>
 #include <vlplatform/fs.h>
 #include <vlplatform/system.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
 
 #include "build/build_paths.h"
 #include "client/trace.h"

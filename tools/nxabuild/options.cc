@@ -1,11 +1,12 @@
 // Reading nxabuild's command line.
 #include "options.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -41,10 +42,14 @@ bool parseLevel(std::string const& text, unsigned& level) {
 }
 
 bool commandFromWord(std::string const& word, BuildOptions::Command& command) {
-    if (word == "build") command = BuildOptions::Command::Build;
-    else if (word == "sources") command = BuildOptions::Command::Sources;
-    else if (word == "link") command = BuildOptions::Command::Link;
-    else return false;
+    if (word == "build")
+        command = BuildOptions::Command::Build;
+    else if (word == "sources")
+        command = BuildOptions::Command::Sources;
+    else if (word == "link")
+        command = BuildOptions::Command::Link;
+    else
+        return false;
     return true;
 }
 
@@ -128,8 +133,10 @@ ParsedBuildCommand parseBuildCommand(int argc, char* const argv[]) {
         } else if (arg == "--work-dir" || arg == "--debug") {
             if (i + 1 >= argc) return usageError(arg + " needs a value");
             std::string value = argv[++i];
-            if (arg == "--work-dir") o.workDir = value;
-            else if (!parseLevel(value, o.debug)) return usageError("--debug needs a number, not \"" + value + "\"");
+            if (arg == "--work-dir")
+                o.workDir = value;
+            else if (!parseLevel(value, o.debug))
+                return usageError("--debug needs a number, not \"" + value + "\"");
         } else if (arg.size() > 1 && arg[0] == '-') {
             return usageError("unknown option " + arg);
         } else {
@@ -139,7 +146,8 @@ ParsedBuildCommand parseBuildCommand(int argc, char* const argv[]) {
     if (words.empty()) return usageError("no command given");
     if (!commandFromWord(words[0], o.command)) return usageError("unknown command \"" + words[0] + "\"");
     if (words.size() != 2) return usageError(words[0] + " takes exactly one argument");
-    if (o.force && o.command != BuildOptions::Command::Build) return usageError("--force goes only with build");
+    if (o.force && o.command != BuildOptions::Command::Build)
+        return usageError("--force goes only with build");
     o.argument = words[1];
     std::string why = finish(o);
     if (!why.empty()) return usageError(why);
