@@ -1,6 +1,7 @@
 #include "capture.h"
 
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -53,6 +54,12 @@ std::string Capture::release() {
     dup2(saved_, fd_);
     ::close(saved_);
     saved_ = -1;
+    // Failure messages written while capturing would be lost: show them.
+    if (::testing::Test::HasFailure()) {
+        std::string shown = "---- captured on fd " + std::to_string(fd_) + ":\n" + out + "---- end of capture\n";
+        ssize_t ignored = ::write(fd_, shown.data(), shown.size());
+        (void)ignored;
+    }
     return out;
 }
 

@@ -7,7 +7,9 @@ namespace nxatest {
 
 // While alive, descriptor `fd` (1 or 2) writes into a private file instead of
 // its normal target; text() returns everything written so far (C++ streams and
-// C stdio are flushed first). The destructor restores the descriptor.
+// C stdio are flushed first). The destructor restores the descriptor; when the
+// running test has failed by then, it also shows what was captured (the failure
+// messages GoogleTest printed meanwhile among it).
 class Capture {
 public:
     explicit Capture(int fd = 1);

@@ -1,0 +1,151 @@
+#include "host.h"
+
+#include <cerrno>
+#include <exception>
+#include <string>
+#include <unistd.h>
+
+#include "host_log.h"
+#include "module_ports.h"
+
+namespace {
+
+constexpr unsigned short kBusPort = 20010;
+constexpr int kReconnectMs = 1000;
+// Errors while serving are reported and survived (a client that resets its
+// connection fails one turn); this many failing turns in a row end the host.
+constexpr unsigned kMaxFailedTurns = 100;
+
+}  // namespace
+
+[[noreturn]] void endForkedCopy(char const* what) {
+    std::string line = std::string(kHostError) + "nxahost: " + what + "\n";
+    ssize_t ignored = write(1, line.data(), line.size());
+    (void)ignored;
+    _exit(1);
+}
+
+Host::Host(HostOptions options)
+    : options_(std::move(options)),
+      hostPid_(getpid()),
+      client_(options_.packageDir.c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
+              options_.port, options_.maxModules, "", options_.debug),
+      bus_("", kBusPort, options_.busName) {
+    bus_.setup();
+    lastBusAttempt_ = std::chrono::steady_clock::now();
+}
+
+int Host::run() {
+    client_.modules.configure(options_.modules);
+    startModules();
+    reportModules();
+    while (!stopping_) turn();
+    hostLog(kHostInfo, "stopping");
+    client_.stop();
+    return 0;
+}
+
+// The modules' children are forked inside run(): an exception thrown in a
+// child's copy must end that copy here, before the copy unwinds into the
+// host's own objects (whose destructors would stop the real host's children).
+void Host::startModules() {
+    try {
+        client_.run();
+    } catch (std::exception const& e) {
+        if (getpid() != hostPid_) endForkedCopy(e.what());
+        throw;
+    } catch (...) {
+        if (getpid() != hostPid_) endForkedCopy("unknown exception");
+        throw;
+    }
+}
+
+void Host::reportModules() {
+    std::vector<ModulePort> const running =
+        runningModulePorts(options_.modules, options_.maxModules, options_.port, client_.getModulesInstalled());
+    if (running.empty()) hostLog(kHostWarning, "no module is running");
+    for (ModulePort const& m : running) {
+        hostLog(kHostInfo, "module ", m.name, " runs on port ", m.port, " (attach: nc 127.0.0.1 ", m.port, ")");
+    }
+    if (bus_.isConnected()) hostLog(kHostInfo, "bus name ", options_.busName);
+}
+
+void Host::turn() {
+    if (!waitForEvents()) return;
+    serveModules();
+    serveOwnBus();
+    keepOwnBusConnected();
+    reactToSignals();
+}
+
+bool Host::waitForEvents() {
+    rd_.clear();
+    wr_.clear();
+    client_.addFds(rd_, wr_);
+    rd_.add(signals_.fd());
+    rd_.add(bus_.fd());
+    int const timeout = bus_.isConnected() ? -1 : kReconnectMs;
+    if (waitFds(rd_, wr_, timeout) >= 0) return true;
+    if (errno == EINTR) {
+        reactToSignals();
+        return false;
+    }
+    throw IOException(errno, "cannot wait for descriptors");
+}
+
+void Host::serveModules() {
+    try {
+        client_.handleInput(rd_);
+        client_.handleOutput(wr_);
+        failedTurns_ = 0;
+    } catch (std::exception const& e) {
+        hostLog(kHostError, e.what());
+        if (++failedTurns_ >= kMaxFailedTurns) throw;
+    }
+}
+
+void Host::serveOwnBus() {
+    int const fd = bus_.fd();
+    if (fd < 0 || !rd_.isSet(fd)) return;
+    if (!bus_.read()) hostLog(kHostWarning, "the bus broker has gone; reconnecting");
+    while (std::unique_ptr<MessageBase> msg = bus_.getMessage()) {
+        if (auto const* routed = dynamic_cast<RouterMessage const*>(msg.get())) client_.handle(*routed);
+    }
+}
+
+void Host::keepOwnBusConnected() {
+    if (bus_.isConnected()) return;
+    auto const now = std::chrono::steady_clock::now();
+    if (now - lastBusAttempt_ < std::chrono::milliseconds(kReconnectMs)) return;
+    lastBusAttempt_ = now;
+    bus_.connectToServer();
+    if (bus_.isConnected()) hostLog(kHostInfo, "bus connection established as ", options_.busName);
+}
+
+void Host::reactToSignals() {
+    unsigned const events = signals_.take();
+    if (events & HostSignals::kChildEnded) ended_.report();
+    if (events & HostSignals::kDumpLog) printRunLog();
+    if (events & HostSignals::kStop) {
+        stopping_ = true;
+    } else if (events & HostSignals::kReload) {
+        reload();
+    }
+}
+
+void Host::printRunLog() {
+    std::string log;
+    client_.getRunLog(log);
+    std::lock_guard<std::mutex> lock(LogUtil::logMutex);
+    std::cout << kHostInfo << "nxahost: run log, " << log.size() << " bytes:\n" << log;
+    if (!log.empty() && log.back() != '\n') std::cout << '\n';
+    std::cout << kHostInfo << "nxahost: end of run log" << std::endl;
+}
+
+void Host::reload() {
+    hostLog(kHostInfo, "reloading");
+    client_.stop();
+    client_.modules.configure(options_.modules);
+    startModules();
+    reportModules();
+}

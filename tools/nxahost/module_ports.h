@@ -1,0 +1,17 @@
+// Which port each running module listens on.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct ModulePort {
+    std::string name;
+    unsigned short port;
+};
+
+// The registry gives configured module k the port firstPort + k (wrapping
+// after 65535) and keeps at most maxModules; the modules still installed after
+// the manifest check are a subsequence of those, in the same order. Returns
+// each installed module with its port.
+std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured, unsigned long maxModules,
+                                           unsigned short firstPort, std::vector<std::string> const& installed);

@@ -1,0 +1,109 @@
+#include "options.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <getopt.h>
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: nxahost [OPTION]... MODULE...\n"
+    "Installs the module package, runs each named module's program on a pseudo-terminal and\n"
+    "serves its output to TCP clients, bus subscribers and the run log until stopped.\n"
+    "\n"
+    "  --package-dir DIR   directory holding the package nxa.zip (default /var/opt/velmora)\n"
+    "  --modules-dir DIR   directory the modules are installed into and checked in\n"
+    "                      (default /var/opt/velmora/nxa; programs always start from there)\n"
+    "  --work-dir DIR      build workspace (default /var/opt/velmora/work)\n"
+    "  --port N            TCP port of the first module; module k listens on N+k (default 20100)\n"
+    "  --max-modules N     most modules to run; further names are skipped (default 16)\n"
+    "  --debug N           trace level: 0 normal, 1 debug lines, 2 per-chunk detail (default 0)\n"
+    "  --bus-name NAME     the host's own bus name; kind-34 text sent to it goes to every module\n"
+    "                      (default NXAHost)\n"
+    "  --help              show this text and exit\n"
+    "\n"
+    "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP stops,\n"
+    "reinstalls the package and starts the modules again.\n"
+    "The bus broker is expected on 127.0.0.1:20010.\n";
+
+enum Option { kPackageDir = 1, kModulesDir, kWorkDir, kPort, kMaxModules, kDebug, kBusName, kHelp };
+
+option const kOptions[] = {
+    {"package-dir", required_argument, nullptr, kPackageDir},
+    {"modules-dir", required_argument, nullptr, kModulesDir},
+    {"work-dir", required_argument, nullptr, kWorkDir},
+    {"port", required_argument, nullptr, kPort},
+    {"max-modules", required_argument, nullptr, kMaxModules},
+    {"debug", required_argument, nullptr, kDebug},
+    {"bus-name", required_argument, nullptr, kBusName},
+    {"help", no_argument, nullptr, kHelp},
+    {nullptr, 0, nullptr, 0},
+};
+
+// A whole decimal number in [low, high], or false.
+bool parseNumber(char const* text, unsigned long low, unsigned long high, unsigned long& value) {
+    if (text[0] < '0' || text[0] > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long parsed = std::strtoull(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed < low || parsed > high) return false;
+    value = static_cast<unsigned long>(parsed);
+    return true;
+}
+
+ParsedCommandLine usageError(std::string const& problem) {
+    ParsedCommandLine result;
+    result.exitStatus = 2;
+    result.message = "nxahost: " + problem + "\nTry 'nxahost --help' for more information.\n";
+    return result;
+}
+
+// Applies one option to `options`; an empty result means it was fine.
+std::string applyOption(int option, char const* value, HostOptions& options) {
+    unsigned long number = 0;
+    switch (option) {
+        case kPackageDir: options.packageDir = value; break;
+        case kModulesDir: options.modulesDir = value; break;
+        case kWorkDir: options.workDir = value; break;
+        case kBusName: options.busName = value; break;
+        case kPort:
+            if (!parseNumber(value, 1, 65535, number)) return "--port needs a number from 1 to 65535, not '" + std::string(value) + "'";
+            options.port = static_cast<unsigned short>(number);
+            break;
+        case kMaxModules:
+            if (!parseNumber(value, 0, ULONG_MAX, number)) return "--max-modules needs a whole number, not '" + std::string(value) + "'";
+            options.maxModules = number;
+            break;
+        case kDebug:
+            if (!parseNumber(value, 0, UINT_MAX, number)) return "--debug needs a whole number, not '" + std::string(value) + "'";
+            options.debug = static_cast<unsigned>(number);
+            break;
+        default: return "unknown option";
+    }
+    return {};
+}
+
+}  // namespace
+
+ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
+    ParsedCommandLine result;
+    opterr = 0;
+    optind = 1;
+    int option;
+    while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
+        if (option == kHelp) {
+            result.message = kUsage;
+            return result;
+        }
+        if (option == ':') return usageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+        if (option == '?') return usageError(std::string("unknown option '") + argv[optind - 1] + "'");
+        std::string problem = applyOption(option, optarg, result.options);
+        if (!problem.empty()) return usageError(problem);
+    }
+    for (int i = optind; i < argc; ++i) result.options.modules.emplace_back(argv[i]);
+    if (result.options.modules.empty()) return usageError("no module named");
+    if (result.options.busName.empty()) return usageError("--bus-name must not be empty");
+    result.run = true;
+    return result;
+}

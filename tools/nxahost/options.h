@@ -1,0 +1,28 @@
+// Command line of the host daemon.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct HostOptions {
+    std::string packageDir = "/var/opt/velmora";
+    std::string modulesDir = "/var/opt/velmora/nxa";
+    std::string workDir = "/var/opt/velmora/work";
+    unsigned short port = 20100;
+    unsigned long maxModules = 16;
+    unsigned debug = 0;
+    std::string busName = "NXAHost";
+    std::vector<std::string> modules;
+};
+
+// The outcome of reading the command line: run with the options, or end at once
+// with `exitStatus` after printing `message` (to standard output for --help,
+// to standard error otherwise).
+struct ParsedCommandLine {
+    bool run = false;
+    int exitStatus = 0;
+    std::string message;
+    HostOptions options;
+};
+
+ParsedCommandLine parseCommandLine(int argc, char* const argv[]);
