@@ -1,4 +1,4 @@
-// zipper::zipFolderAsFolder: a folder, recursively, into a fresh archive.
+// zipper::zipFolderAsFolder and zipFolderContents: a folder, recursively, into a fresh archive.
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
@@ -26,6 +26,8 @@ public:
 
     // Adds `path` (a directory) as `name` with everything below it.
     void addDirectory(std::string const& path, std::string const& name, struct stat const& st);
+    // Adds everything below the directory `path`, named relative to it.
+    void addContents(std::string const& path, struct stat const& st);
 
     unsigned long entries() const { return entries_; }
 
@@ -50,6 +52,12 @@ void FolderWriter::addDirectory(std::string const& path, std::string const& name
     setMode(index, name, ((S_IFDIR | (st.st_mode & 07777)) << 16) | kDosDirectory);
     zip_file_set_mtime(archive_, static_cast<zip_uint64_t>(index), st.st_mtime, 0);
     for (std::string const& child : detail::listDirectory(path)) addChild(path + "/" + child, name + "/" + child);
+    openDirectories_.erase({st.st_dev, st.st_ino});
+}
+
+void FolderWriter::addContents(std::string const& path, struct stat const& st) {
+    openDirectories_.insert({st.st_dev, st.st_ino});
+    for (std::string const& child : detail::listDirectory(path)) addChild(path + "/" + child, child);
     openDirectories_.erase({st.st_dev, st.st_ino});
 }
 
@@ -102,11 +110,13 @@ std::string topName(std::string folder) {
     return name;
 }
 
-unsigned long zipFolder(std::string const& folder, std::string const& archive) {
+// Writes a fresh `archive` from the directory `folder`: the folder itself by
+// its last path component when `asFolder`, otherwise only what is inside it.
+unsigned long zipFolder(std::string const& folder, std::string const& archive, bool asFolder) {
     struct stat st;
     if (stat(folder.c_str(), &st) != 0) throw detail::systemFailure("cannot stat " + folder);
     if (!S_ISDIR(st.st_mode)) throw Failure{ENOTDIR, folder + " is not a directory"};
-    std::string const name = topName(folder);
+    std::string const name = asFolder ? topName(folder) : std::string();
     int error = 0;
     errno = 0;
     detail::Archive za(zip_open(archive.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
@@ -115,7 +125,12 @@ unsigned long zipFolder(std::string const& folder, std::string const& archive) {
         throw detail::openFailure("cannot create " + archive, error, saved);
     }
     FolderWriter writer(za.get());
-    writer.addDirectory(folder, name, st);
+    if (asFolder) {
+        writer.addDirectory(folder, name, st);
+    } else {
+        writer.addContents(folder, st);
+        if (writer.entries() == 0) throw Failure{ENOENT, folder + " is empty"};
+    }
     // libzip writes the archive into a temporary file beside `archive` and
     // renames it over the old one only when everything was written; on any
     // failure the old archive stays as it was.
@@ -128,7 +143,12 @@ unsigned long zipFolder(std::string const& folder, std::string const& archive) {
 
 int zipFolderAsFolder(std::string const& folder, std::string const& archive) {
     return detail::runTraced("zipFolderAsFolder", folder + " -> " + archive,
-                             [&] { return zipFolder(folder, archive); });
+                             [&] { return zipFolder(folder, archive, true); });
+}
+
+int zipFolderContents(std::string const& folder, std::string const& archive) {
+    return detail::runTraced("zipFolderContents", folder + " -> " + archive,
+                             [&] { return zipFolder(folder, archive, false); });
 }
 
 }  // namespace zipper

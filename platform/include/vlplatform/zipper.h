@@ -26,6 +26,12 @@ void setDebug(unsigned level);
 // system's number for any other failed system call.
 int zipFolderAsFolder(std::string const& folder, std::string const& archive);
 
+// Like zipFolderAsFolder, but the archive holds what is inside `folder`, named
+// relative to it (a module archive: "Manifest" and the program at the top).
+// An empty folder gives -1 with ENOENT and no archive: libzip writes no file
+// for an archive without entries.
+int zipFolderContents(std::string const& folder, std::string const& archive);
+
 // Extracts `archive` into `dest`, creating `dest` (with its parents) and the
 // directories the entries need. `password` decrypts encrypted entries when not
 // empty. Returns 0, or -1 with errno: ENOENT for a missing archive, EINVAL for
