@@ -8,18 +8,19 @@
 // queue limit, so the broker never drops one.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <netinet/in.h>
-#include <spawn.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 #include "vlplatform/fd_set.h"
 #include "vlplatform/vlpbus_client.h"
@@ -63,7 +64,8 @@ public:
         writeConfig();
         std::string conf = dir_ + "/mosquitto.conf";
         char const* argv[] = {"mosquitto", "-c", conf.c_str(), nullptr};
-        if (posix_spawnp(&pid_, "mosquitto", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
+        if (posix_spawnp(&pid_, "mosquitto", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid_ = -1;
         for (int i = 0; i < 500 && pid_ > 0 && !accepting(port_); ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }

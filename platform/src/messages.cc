@@ -6,14 +6,18 @@ namespace {
 
 char const hexDigits[] = "0123456789abcdef";
 
+struct Escape {
+    char byte;
+    char const* text;
+};
+Escape const escapes[] = {{'\\', "\\\\"}, {'"', "\\\""}, {'\t', "\\t"}, {'\n', "\\n"}, {'\r', "\\r"}};
+
 void printEscaped(std::ostream& os, char c) {
-    switch (c) {
-        case '\\': os << "\\\\"; return;
-        case '"': os << "\\\""; return;
-        case '\t': os << "\\t"; return;
-        case '\n': os << "\\n"; return;
-        case '\r': os << "\\r"; return;
-        default: break;
+    for (Escape const& e : escapes) {
+        if (c == e.byte) {
+            os << e.text;
+            return;
+        }
     }
     auto byte = static_cast<unsigned char>(c);
     if (byte >= 0x20 && byte <= 0x7e) {
@@ -53,14 +57,18 @@ std::ostream& operator<<(std::ostream& os, MessageBase const& msg) {
 
 SystemMessage::SystemMessage(unsigned id, unsigned flags) : MessageBase(id, flags) {}
 
-std::unique_ptr<MessageBase> SystemMessage::clone() const { return std::make_unique<SystemMessage>(*this); }
+std::unique_ptr<MessageBase> SystemMessage::clone() const {
+    return std::make_unique<SystemMessage>(*this);
+}
 
 void SystemMessage::print(std::ostream& os) const {
     os << "SystemMessage id=" << id() << " kind=" << static_cast<unsigned>(kind_) << " text=";
     printQuoted(os, text_);
 }
 
-void SystemMessage::stripNullChar() { text_.erase(std::remove(text_.begin(), text_.end(), '\0'), text_.end()); }
+void SystemMessage::stripNullChar() {
+    text_.erase(std::remove(text_.begin(), text_.end(), '\0'), text_.end());
+}
 
 SystemSetStateVlpBusMessage::SystemSetStateVlpBusMessage(std::string state, std::string text,
                                                          unsigned long value, unsigned id)

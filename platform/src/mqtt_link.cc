@@ -22,7 +22,9 @@ struct Library {
     ~Library() { mosquitto_lib_cleanup(); }
 };
 
-void useLibrary() { static Library library; }
+void useLibrary() {
+    static Library library;
+}
 
 // An owned list of MQTT v5 properties.
 struct PropertyList {
@@ -71,7 +73,9 @@ bool isConnectionLoss(int rc) {
 
 }  // namespace
 
-void MqttLink::HandleDeleter::operator()(mosquitto* handle) const { mosquitto_destroy(handle); }
+void MqttLink::HandleDeleter::operator()(mosquitto* handle) const {
+    mosquitto_destroy(handle);
+}
 
 MqttLink::MqttLink(Options const& options, Receiver receiver)
     : receiver_(std::move(receiver)), topic_(options.topic) {
@@ -89,7 +93,9 @@ MqttLink::MqttLink(Options const& options, Receiver receiver)
 
 MqttLink::~MqttLink() = default;
 
-int MqttLink::socket() const { return connected() ? mosquitto_socket(handle_.get()) : -1; }
+int MqttLink::socket() const {
+    return connected() ? mosquitto_socket(handle_.get()) : -1;
+}
 
 void MqttLink::setCallbacks() {
     mosquitto_connect_v5_callback_set(handle_.get(), &MqttLink::onConnect);
@@ -126,7 +132,8 @@ bool MqttLink::step(int timeoutMs) {
     int n = poll(&p, 1, timeoutMs);
     if (n < 0) return errno == EINTR;
     if (n == 0) return true;
-    if ((p.revents & POLLOUT) && check(mosquitto_loop_write(handle_.get(), 1)) != MOSQ_ERR_SUCCESS) return false;
+    if ((p.revents & POLLOUT) && check(mosquitto_loop_write(handle_.get(), 1)) != MOSQ_ERR_SUCCESS)
+        return false;
     if ((p.revents & (POLLIN | POLLHUP | POLLERR)) &&
         check(mosquitto_loop_read(handle_.get(), 1)) != MOSQ_ERR_SUCCESS) {
         return false;
@@ -149,7 +156,8 @@ bool MqttLink::service(unsigned maxPackets) {
     }
     if (!flush()) return false;
     // A DISCONNECT from the broker closes the socket without an error code.
-    if (check(mosquitto_loop_misc(handle_.get())) != MOSQ_ERR_SUCCESS || mosquitto_socket(handle_.get()) < 0) {
+    if (check(mosquitto_loop_misc(handle_.get())) != MOSQ_ERR_SUCCESS ||
+        mosquitto_socket(handle_.get()) < 0) {
         lose();
         return false;
     }
@@ -171,8 +179,9 @@ bool MqttLink::publish(std::string const& topic, WireMessage const& message) {
         throwIfNoMemory(mosquitto_property_add_string_pair(&props.list, MQTT_PROP_USER_PROPERTY,
                                                            property.first.c_str(), property.second.c_str()));
     }
-    int rc = mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(), static_cast<int>(message.payload.size()),
-                                  message.payload.data(), 0, false, props.list);
+    int rc =
+        mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(), static_cast<int>(message.payload.size()),
+                             message.payload.data(), 0, false, props.list);
     throwIfNoMemory(rc);
     if (isConnectionLoss(rc)) {
         lose();
@@ -225,7 +234,8 @@ void MqttLink::onSubscribe(mosquitto*, void* self, int mid, int count, int const
 
 // Nothing may unwind through libmosquitto: what is thrown here waits in
 // pending_ until the libmosquitto call returns.
-void MqttLink::onMessage(mosquitto*, void* self, mosquitto_message const* msg, mosquitto_property const* props) {
+void MqttLink::onMessage(mosquitto*, void* self, mosquitto_message const* msg,
+                         mosquitto_property const* props) {
     auto* link = static_cast<MqttLink*>(self);
     try {
         link->receive(*msg, props);

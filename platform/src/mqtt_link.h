@@ -22,15 +22,16 @@ namespace VLPBus {
 class MqttLink {
 public:
     // Called for each message received, with its topic, user properties and payload.
-    using Receiver = std::function<void(std::string const& topic, Properties properties, std::string payload)>;
+    using Receiver =
+        std::function<void(std::string const& topic, Properties properties, std::string payload)>;
 
     struct Options {
-        std::string host;       // broker address
-        unsigned short port;    // broker port
-        std::string clientId;   // empty: libmosquitto makes one up
-        std::string topic;      // subscribed with QoS 0 once connected
+        std::string host;         // broker address
+        unsigned short port;      // broker port
+        std::string clientId;     // empty: libmosquitto makes one up
+        std::string topic;        // subscribed with QoS 0 once connected
         unsigned maxPacketBytes;  // announced to the broker as our maximum packet size
-        int waitMs;             // longest wait for CONNACK and SUBACK
+        int waitMs;               // longest wait for CONNACK and SUBACK
     };
 
     // Connects with MQTT v5, clean start and keep-alive 0, and subscribes,
@@ -74,7 +75,8 @@ private:
     static void onConnect(mosquitto*, void* self, int rc, int flags, mosquitto_property const* props);
     static void onSubscribe(mosquitto*, void* self, int mid, int count, int const* granted,
                             mosquitto_property const* props);
-    static void onMessage(mosquitto*, void* self, mosquitto_message const* msg, mosquitto_property const* props);
+    static void onMessage(mosquitto*, void* self, mosquitto_message const* msg,
+                          mosquitto_property const* props);
     void subscribe();
     void receive(mosquitto_message const& msg, mosquitto_property const* props);
 

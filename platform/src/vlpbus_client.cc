@@ -8,7 +8,9 @@
 
 namespace {
 
-std::string topicOf(std::string const& name) { return "vlpbus/" + VLPBus::encodeName(name); }
+std::string topicOf(std::string const& name) {
+    return "vlpbus/" + VLPBus::encodeName(name);
+}
 
 std::size_t wireSize(VLPBus::Properties const& properties, std::string const& payload) {
     std::size_t size = payload.size();
@@ -45,7 +47,8 @@ void VLPBusClient::Impl::attempt() {
     if (!link->connected()) link.reset();
 }
 
-void VLPBusClient::Impl::receive(std::string const& topic, VLPBus::Properties properties, std::string payload) {
+void VLPBusClient::Impl::receive(std::string const& topic, VLPBus::Properties properties,
+                                 std::string payload) {
     if (topic != options.topic) return;
     std::size_t bytes = wireSize(properties, payload);
     if (queue.size() >= maxQueuedMessages || queuedBytes + bytes > maxQueuedBytes) {
@@ -66,15 +69,25 @@ VLPBusClient::VLPBusClient(std::string const& host, unsigned short port, std::st
     impl_->options.waitMs = connectWaitMs;
 }
 
-VLPBusClient::~VLPBusClient() { disconnectFromServer(); }
+VLPBusClient::~VLPBusClient() {
+    disconnectFromServer();
+}
 
-void VLPBusClient::setup() { impl_->attempt(); }
+void VLPBusClient::setup() {
+    impl_->attempt();
+}
 
-void VLPBusClient::connectToServer() { impl_->attempt(); }
+void VLPBusClient::connectToServer() {
+    impl_->attempt();
+}
 
-bool VLPBusClient::isConnected() const { return impl_->connected(); }
+bool VLPBusClient::isConnected() const {
+    return impl_->connected();
+}
 
-int VLPBusClient::fd() const { return impl_->link ? impl_->link->socket() : -1; }
+int VLPBusClient::fd() const {
+    return impl_->link ? impl_->link->socket() : -1;
+}
 
 bool VLPBusClient::read() {
     if (!impl_->connected()) return false;
@@ -104,4 +117,6 @@ void VLPBusClient::disconnectFromServer() {
     impl_->link.reset();
 }
 
-unsigned long VLPBusClient::droppedMessages() const { return impl_->dropped; }
+unsigned long VLPBusClient::droppedMessages() const {
+    return impl_->dropped;
+}

@@ -71,15 +71,17 @@ TEST(VLPBusBadInput, MessageWithoutPropertiesHasNoSenderAndNoPayload) {
 TEST(VLPBusBadInput, UnknownTypeGivesNoPayload) {
     NXA_REQUIRE_SANDBOX();
     auto client = connectedClient("NXAModule_demo");
-    expectNoPayload(*client,
-                    userProperties({{"vlp-sender", "viewer"}, {"vlp-type", "chat"}, {"vlp-kind", "4"}}) + " -m hi",
-                    "viewer");
+    expectNoPayload(
+        *client,
+        userProperties({{"vlp-sender", "viewer"}, {"vlp-type", "chat"}, {"vlp-kind", "4"}}) + " -m hi",
+        "viewer");
 }
 
 TEST(VLPBusBadInput, MissingTypeGivesNoPayload) {
     NXA_REQUIRE_SANDBOX();
     auto client = connectedClient("NXAModule_demo");
-    expectNoPayload(*client, userProperties({{"vlp-sender", "viewer"}, {"vlp-kind", "4"}}) + " -m hi", "viewer");
+    expectNoPayload(*client, userProperties({{"vlp-sender", "viewer"}, {"vlp-kind", "4"}}) + " -m hi",
+                    "viewer");
 }
 
 TEST(VLPBusBadInput, Kind999GivesNoPayload) {
@@ -103,7 +105,8 @@ TEST(VLPBusBadInput, KindAbcGivesNoPayload) {
 TEST(VLPBusBadInput, MalformedIdGivesNoPayload) {
     NXA_REQUIRE_SANDBOX();
     auto client = connectedClient("NXAModule_demo");
-    expectNoPayload(*client, systemFromViewer("4") + userProperties({{"vlp-id", "4294967296"}}) + " -m x", "viewer");
+    expectNoPayload(*client, systemFromViewer("4") + userProperties({{"vlp-id", "4294967296"}}) + " -m x",
+                    "viewer");
 }
 
 TEST(VLPBusBadInput, MalformedSenderEncodingGivesNoSenderAndNoPayload) {
@@ -144,7 +147,9 @@ TEST(VLPBusBadInput, PayloadBeyondMaxPacketBytesIsDroppedByTheBroker) {
     auto client = connectedClient("NXAModule_demo");
     std::string file = patternFile(VLPBusClient::maxPacketBytes, "/tmp/too-big");
     ASSERT_EQ(publish(ourTopic + systemFromViewer("34") + " -f " + file), 0);
-    ASSERT_EQ(publish(ourTopic + systemFromViewer("34") + " -f " + patternFile(2 * 1024 * 1024, "/tmp/two-mib")), 0);
+    ASSERT_EQ(
+        publish(ourTopic + systemFromViewer("34") + " -f " + patternFile(2 * 1024 * 1024, "/tmp/two-mib")),
+        0);
     // QoS 1 publishing keeps the order: the next message is the first to arrive.
     expectStillWorking(*client, "after the big ones");
     EXPECT_EQ(client->droppedMessages(), 0ul);
@@ -153,7 +158,8 @@ TEST(VLPBusBadInput, PayloadBeyondMaxPacketBytesIsDroppedByTheBroker) {
 TEST(VLPBusBadInput, MessagesOnOtherTopicsNeverArrive) {
     NXA_REQUIRE_SANDBOX();
     auto client = connectedClient("NXAModule_demo");
-    for (char const* topic : {"vlpbus/other", "vlpbus/NXAModule_demo/sub", "vlpbus/NXAModule_dem", "NXAModule_demo"}) {
+    for (char const* topic :
+         {"vlpbus/other", "vlpbus/NXAModule_demo/sub", "vlpbus/NXAModule_dem", "NXAModule_demo"}) {
         ASSERT_EQ(publish(std::string(" -t ") + topic + systemFromViewer("34") + " -m elsewhere"), 0);
     }
     expectStillWorking(*client);
@@ -168,7 +174,8 @@ TEST(VLPBusBadInput, FloodBeyondTheQueueBoundIsDroppedAndCounted) {
     nxatest::writeFile("/tmp/flood", lines);
     ASSERT_EQ(publish(ourTopic + systemFromViewer("34") + " -l < /tmp/flood"), 0);
     // Read without taking messages until every one is either queued or dropped.
-    EXPECT_TRUE(pumpUntil(*client, [&] { return client->droppedMessages() == sent - VLPBusClient::maxQueuedMessages; }));
+    EXPECT_TRUE(pumpUntil(
+        *client, [&] { return client->droppedMessages() == sent - VLPBusClient::maxQueuedMessages; }));
     for (std::size_t i = 0; i < VLPBusClient::maxQueuedMessages; ++i) {
         auto msg = client->getMessage();
         ASSERT_NE(msg, nullptr) << "message " << i;
@@ -184,7 +191,8 @@ TEST(VLPBusBadInput, FloodOfBigMessagesIsBoundedInBytes) {
     auto client = connectedClient("NXAModule_demo");
     std::string file = patternFile(1024 * 1024, "/tmp/one-mib");
     std::size_t const sent = 10;
-    for (std::size_t i = 0; i < sent; ++i) ASSERT_EQ(publish(ourTopic + systemFromViewer("34") + " -f " + file), 0);
+    for (std::size_t i = 0; i < sent; ++i)
+        ASSERT_EQ(publish(ourTopic + systemFromViewer("34") + " -f " + file), 0);
     // Each takes 1 MiB of text and 40 bytes of properties: 7 fit in maxQueuedBytes.
     std::size_t const fit = VLPBusClient::maxQueuedBytes / (1024 * 1024 + 40);
     ASSERT_EQ(fit, 7u);

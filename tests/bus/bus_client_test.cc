@@ -1,6 +1,7 @@
 // VLPBusClient against the sandbox's real broker and the real command-line
 // clients: what goes on the wire, byte for byte, and what comes back.
 #include <gtest/gtest.h>
+
 #include <limits>
 
 #include "bus_harness.h"
@@ -56,8 +57,9 @@ TEST(VLPBusClient, SendToPublishesSystemMessageWithUserProperties) {
     ASSERT_FALSE(testing::Test::HasFatalFailure());
     auto client = connectedClient("NXAModule_demo");
     client->sendTo("NXAModule_demo", "viewer", systemMessage(34, "hello"));
-    EXPECT_EQ(sub.lines(), std::vector<std::string>{
-                               "vlpbus/viewer|vlp-sender:NXAModule_demo vlp-type:system vlp-id:128 vlp-kind:34|hello"});
+    EXPECT_EQ(sub.lines(),
+              std::vector<std::string>{
+                  "vlpbus/viewer|vlp-sender:NXAModule_demo vlp-type:system vlp-id:128 vlp-kind:34|hello"});
 }
 
 TEST(VLPBusClient, SendToPublishesSetStateMessageWithStateAndValue) {
@@ -65,9 +67,11 @@ TEST(VLPBusClient, SendToPublishesSetStateMessageWithStateAndValue) {
     Subscriber sub("vlpbus/VLPBusServer", "%t|%P|%p");
     ASSERT_FALSE(testing::Test::HasFatalFailure());
     auto client = connectedClient("NXAModule_demo");
-    client->sendTo("NXAModule_demo", "VLPBusServer", std::make_unique<SystemSetStateVlpBusMessage>("running", "", 0));
-    EXPECT_EQ(sub.lines(), std::vector<std::string>{"vlpbus/VLPBusServer|vlp-sender:NXAModule_demo vlp-type:setstate "
-                                                    "vlp-id:129 vlp-state:running vlp-value:0|"});
+    client->sendTo("NXAModule_demo", "VLPBusServer",
+                   std::make_unique<SystemSetStateVlpBusMessage>("running", "", 0));
+    EXPECT_EQ(sub.lines(),
+              std::vector<std::string>{"vlpbus/VLPBusServer|vlp-sender:NXAModule_demo vlp-type:setstate "
+                                       "vlp-id:129 vlp-state:running vlp-value:0|"});
 }
 
 TEST(VLPBusClient, NamesOnTheWireArePercentEncoded) {
@@ -76,16 +80,19 @@ TEST(VLPBusClient, NamesOnTheWireArePercentEncoded) {
     ASSERT_FALSE(testing::Test::HasFatalFailure());
     auto client = connectedClient("me");
     client->sendTo("from \xff", "a/b+#", std::make_unique<SystemSetStateVlpBusMessage>("st ate", "t", 7));
-    EXPECT_EQ(sub.lines(), std::vector<std::string>{"vlpbus/a%2Fb%2B%23|vlp-sender:from%20%FF vlp-type:setstate "
-                                                    "vlp-id:129 vlp-state:st%20ate vlp-value:7|t"});
+    EXPECT_EQ(sub.lines(),
+              std::vector<std::string>{"vlpbus/a%2Fb%2B%23|vlp-sender:from%20%FF vlp-type:setstate "
+                                       "vlp-id:129 vlp-state:st%20ate vlp-value:7|t"});
 }
 
 TEST(VLPBusClient, MessagePublishedByMosquittoPubComesOutAsRouterMessage) {
     NXA_REQUIRE_SANDBOX();
     auto client = connectedClient("NXAModule_demo");
-    ASSERT_EQ(publish("-t vlpbus/NXAModule_demo -D publish user-property vlp-sender viewer -D publish user-property "
-                      "vlp-type system -D publish user-property vlp-kind 4 -m 71-NXAStartOutput"),
-              0);
+    ASSERT_EQ(
+        publish(
+            "-t vlpbus/NXAModule_demo -D publish user-property vlp-sender viewer -D publish user-property "
+            "vlp-type system -D publish user-property vlp-kind 4 -m 71-NXAStartOutput"),
+        0);
     auto msg = awaitMessage(*client);
     expectSystemFrom(msg.get(), "viewer", 4, "71-NXAStartOutput");
     EXPECT_EQ(dynamic_cast<RouterMessage const&>(*msg).message()->id(), 128u);
@@ -153,7 +160,8 @@ TEST(VLPBusClient, SetStateRoundTripsBetweenClients) {
     auto a = connectedClient("a");
     auto b = connectedClient("b");
     unsigned long const most = std::numeric_limits<unsigned long>::max();
-    a->sendTo("a", "b", std::make_unique<SystemSetStateVlpBusMessage>("stopping", std::string("\0x", 2), most, 42));
+    a->sendTo("a", "b",
+              std::make_unique<SystemSetStateVlpBusMessage>("stopping", std::string("\0x", 2), most, 42));
     auto msg = awaitMessage(*b);
     auto const* router = dynamic_cast<RouterMessage const*>(msg.get());
     ASSERT_NE(router, nullptr);

@@ -1,12 +1,13 @@
 // VLPBusClient's connection: bounded waits without a broker or with one that
 // does not answer, connecting later, losing the broker, and what it holds.
 #include <arpa/inet.h>
-#include <chrono>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <chrono>
 
 #include "bus_harness.h"
 #include "sandbox.h"

@@ -1,14 +1,15 @@
 #include "bus_harness.h"
 
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <signal.h>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
 
 #include "sandbox.h"
 #include "shell.h"
@@ -58,14 +59,13 @@ Subscriber::Subscriber(std::string const& topic, std::string const& format, int 
 void Subscriber::start(std::string const& format, int count) {
     // -d shows when the broker has acknowledged the subscription; stdbuf makes
     // each line visible at once.
-    pid_ = spawn({"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv5", "-p",
-                  std::to_string(nxatest::kBusPort), "-t", topic_, "-F", format, "-C", std::to_string(count),
-                  "-W", "30"},
-                 output_);
+    pid_ = spawn(
+        {"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv5", "-p", std::to_string(nxatest::kBusPort),
+         "-t", topic_, "-F", format, "-C", std::to_string(count), "-W", "30"},
+        output_);
     ASSERT_GT(pid_, 0) << "cannot start mosquitto_sub";
-    bool subscribed = nxatest::waitUntil([&] {
-        return nxatest::readFile(output_).find("Subscribed (mid:") != std::string::npos;
-    });
+    bool subscribed = nxatest::waitUntil(
+        [&] { return nxatest::readFile(output_).find("Subscribed (mid:") != std::string::npos; });
     ASSERT_TRUE(subscribed) << "mosquitto_sub did not subscribe: " << nxatest::readFile(output_);
     ready_ = true;
 }
@@ -95,8 +95,8 @@ std::vector<std::string> Subscriber::messageLines() const {
 }
 
 int publish(std::string const& arguments) {
-    nxatest::ShellResult r = nxatest::shell("mosquitto_pub -V mqttv5 -q 1 -p " + std::to_string(nxatest::kBusPort) +
-                                            " " + arguments);
+    nxatest::ShellResult r = nxatest::shell("mosquitto_pub -V mqttv5 -q 1 -p " +
+                                            std::to_string(nxatest::kBusPort) + " " + arguments);
     if (!r.output.empty()) std::cerr << "mosquitto_pub: " << r.output;
     return r.status;
 }
@@ -135,10 +135,13 @@ bool pumpUntil(VLPBusClient& client, std::function<bool()> const& done, millisec
 
 std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client, milliseconds timeout) {
     std::unique_ptr<MessageBase> msg = client.getMessage();
-    pumpUntil(client, [&] {
-        if (!msg) msg = client.getMessage();
-        return msg != nullptr;
-    }, timeout);
+    pumpUntil(
+        client,
+        [&] {
+            if (!msg) msg = client.getMessage();
+            return msg != nullptr;
+        },
+        timeout);
     return msg;
 }
 

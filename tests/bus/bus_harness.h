@@ -2,11 +2,12 @@
 // sandbox's broker, and a polling loop that drives a VLPBusClient.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include "vlplatform/vlpbus_client.h"
@@ -57,7 +58,8 @@ std::string shellQuote(std::string const& text);
 // Drives `client` as a polling loop would (fd(), waitFds, read()) until it has
 // a message queued, and returns it; null when `timeout` passes or read()
 // returns false.
-std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client, milliseconds timeout = std::chrono::seconds(10));
+std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client,
+                                          milliseconds timeout = std::chrono::seconds(10));
 
 // Drives `client` as above until `done()` holds; false on time-out or when
 // read() returns false.

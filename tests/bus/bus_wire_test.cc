@@ -1,10 +1,12 @@
 // The bus's wire form without a broker: percent-encoded names and the
 // conversion between messages and MQTT payload plus user properties.
+#include "bus_wire.h"
+
 #include <gtest/gtest.h>
+
 #include <limits>
 
 #include "bus_names.h"
-#include "bus_wire.h"
 
 using VLPBus::decodeName;
 using VLPBus::encodeName;
@@ -99,7 +101,8 @@ TEST(BusWire, SystemMessageComesBackWhole) {
 }
 
 TEST(BusWire, SetStateMessageComesBackWhole) {
-    auto wire = toWire("s", SystemSetStateVlpBusMessage("st/ate", "t", std::numeric_limits<unsigned long>::max(), 9));
+    auto wire =
+        toWire("s", SystemSetStateVlpBusMessage("st/ate", "t", std::numeric_limits<unsigned long>::max(), 9));
     auto router = fromWire(wire->properties, wire->payload);
     auto const* state = dynamic_cast<SystemSetStateVlpBusMessage const*>(router->message());
     ASSERT_NE(state, nullptr);
@@ -119,7 +122,8 @@ TEST(BusWire, MissingIdGivesTheTypesDefaultId) {
 }
 
 TEST(BusWire, KindOutsideZeroTo255GivesNoPayload) {
-    for (char const* kind : {"256", "999", "-1", "abc", "", "+4", " 4", "4 ", "0x4", "99999999999999999999999"}) {
+    for (char const* kind :
+         {"256", "999", "-1", "abc", "", "+4", " 4", "4 ", "0x4", "99999999999999999999999"}) {
         auto router = fromWire(systemProperties(kind), "x");
         EXPECT_EQ(router->message(), nullptr) << "kind \"" << kind << "\"";
         EXPECT_EQ(router->sender(), "viewer");
@@ -145,7 +149,8 @@ TEST(BusWire, MalformedIdGivesNoPayload) {
 }
 
 TEST(BusWire, UnknownOrMissingTypeGivesNoPayload) {
-    EXPECT_EQ(fromWire({{"vlp-sender", "v"}, {"vlp-type", "System"}, {"vlp-kind", "4"}}, "x")->message(), nullptr);
+    EXPECT_EQ(fromWire({{"vlp-sender", "v"}, {"vlp-type", "System"}, {"vlp-kind", "4"}}, "x")->message(),
+              nullptr);
     EXPECT_EQ(fromWire({{"vlp-sender", "v"}, {"vlp-kind", "4"}}, "x")->message(), nullptr);
     EXPECT_EQ(fromWire({}, "x")->message(), nullptr);
 }
@@ -155,10 +160,11 @@ TEST(BusWire, SetStateWithoutWellFormedStateOrValueGivesNoPayload) {
     EXPECT_EQ(fromWire({{"vlp-type", "setstate"}, {"vlp-state", "%zz"}, {"vlp-value", "0"}}, "")->message(),
               nullptr);
     EXPECT_EQ(fromWire({{"vlp-type", "setstate"}, {"vlp-state", "running"}}, "")->message(), nullptr);
-    EXPECT_EQ(fromWire({{"vlp-type", "setstate"}, {"vlp-state", "running"}, {"vlp-value", "18446744073709551616"}},
-                       "")
-                  ->message(),
-              nullptr);
+    EXPECT_EQ(
+        fromWire({{"vlp-type", "setstate"}, {"vlp-state", "running"}, {"vlp-value", "18446744073709551616"}},
+                 "")
+            ->message(),
+        nullptr);
 }
 
 TEST(BusWire, MissingSenderIsEmpty) {

@@ -1,8 +1,9 @@
 // The bus message types: their fields, copies and one-line printed forms.
-#include <gtest/gtest.h>
-#include <sstream>
-
 #include "vlplatform/messages.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
 
 namespace {
 
@@ -21,7 +22,9 @@ std::unique_ptr<SystemMessage> systemMessage(unsigned char kind, std::string tex
 
 }  // namespace
 
-TEST(MessageBase, PrintsTypeIdAndFlags) { EXPECT_EQ(printed(MessageBase(7, 3)), "MessageBase id=7 flags=3"); }
+TEST(MessageBase, PrintsTypeIdAndFlags) {
+    EXPECT_EQ(printed(MessageBase(7, 3)), "MessageBase id=7 flags=3");
+}
 
 TEST(MessageBase, CloneKeepsIdAndFlags) {
     auto copy = MessageBase(7, 3).clone();
