@@ -1,24 +1,10 @@
 // What Peers::push allocates: one shared chunk per push, whatever the number
 // of peers, and nothing at all without peers. This binary counts every
 // operator new of the process.
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 
+#include "alloc_counter.h"
 #include "module_fixture.h"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -26,9 +12,9 @@ class PeersAllocations : public peerstest::ModuleTest {
 protected:
     // Allocations made by one push of `bytes`.
     long pushCounted(std::string const& bytes) {
-        long before = allocations;
+        long before = peerstest::allocations;
         push(bytes);
-        return allocations - before;
+        return peerstest::allocations - before;
     }
 };
 
