@@ -88,9 +88,9 @@ struct Outcome {
 // child's working directory afterwards.
 Outcome runAs(unsigned uid, std::function<void()> const& operation);
 
-// The names under /, /tmp, /opt/velmora, /var/opt/velmora and kWork (but not
-// below kWork), one per line: what a test compares to show that nothing outside
-// the workspace changed.
+// The names in /tmp, /var/opt and /var/opt/velmora (but the workspace kWork)
+// and everything under /opt/velmora, one per line: what a test compares to
+// show that nothing outside the workspace changed.
 std::string namesOutsideWorkspace();
 
 }  // namespace buildtest

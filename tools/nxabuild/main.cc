@@ -35,6 +35,12 @@ std::string perform(NXAClient& client, BuildOptions const& o, std::string& log) 
     return "";
 }
 
+// Prints what the tools wrote, ending with a line feed.
+void printLog(std::string const& log) {
+    std::cout << log;
+    if (!log.empty() && log.back() != '\n') std::cout << '\n';
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -48,11 +54,13 @@ int main(int argc, char* argv[]) {
     try {
         NXAClient client(kPackageDir, kModulesDir, o.workDir.c_str(), 0, kFirstPort, 0, "", o.debug);
         std::string const done = perform(client, o, log);
-        std::cout << log << "\n" << done << std::endl;
+        printLog(log);
+        std::cout << done << std::endl;
         return 0;
     } catch (std::exception const& e) {
         // What the tools printed before the failure tells why it failed.
-        std::cout << log << std::endl;
+        printLog(log);
+        std::cout << std::flush;
         std::cerr << e.what() << std::endl;
         return 1;
     }
