@@ -7,14 +7,14 @@
 // need a real module, which connects to the bus on its fixed port: run
 //   tests/sandbox/nxa-sandbox --broker -- <build>/bench/peers_bench
 #include <benchmark/benchmark.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "nxaclient.h"
-
 #include "peers_alloc_counter.h"
 
 namespace {
@@ -35,8 +35,8 @@ std::string chunkBytes() {
 }
 
 void reportAllocations(benchmark::State& state, long allocs) {
-    state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocs),
-                                                  benchmark::Counter::kAvgIterations);
+    state.counters["allocs"] =
+        benchmark::Counter(static_cast<double>(allocs), benchmark::Counter::kAvgIterations);
 }
 
 // One push of a 512-byte chunk into a set of state.range(0) peers. Every

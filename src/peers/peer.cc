@@ -1,10 +1,8 @@
 // NXAClient::Peer: the bounded queue every kind of peer shares.
+#include "client/trace.h"
 #include "nxaclient.h"
 
-#include "client/trace.h"
-
-NXAClient::Peer::Peer(Module const& module, std::string const& id)
-    : module(module), id(id), queue() {}
+NXAClient::Peer::Peer(Module const& module, std::string const& id) : module(module), id(id), queue() {}
 
 NXAClient::Peer::~Peer() = default;
 

@@ -3,11 +3,15 @@
 
 NXAClient::PeerLog::PeerLog(Module const& module) : Peer(module, "client") {}
 
-NXAClient::PeerLog::~PeerLog() { PeerLog::close(); }
+NXAClient::PeerLog::~PeerLog() {
+    PeerLog::close();
+}
 
 void NXAClient::PeerLog::close() {}
 
-bool NXAClient::PeerLog::forward(FdSet const&, std::string&) { return false; }
+bool NXAClient::PeerLog::forward(FdSet const&, std::string&) {
+    return false;
+}
 
 void NXAClient::PeerLog::write(FdSet const&) {}
 

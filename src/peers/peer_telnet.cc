@@ -1,11 +1,11 @@
 // NXAClient::PeerTelnet: a TCP connection accepted on the module's port. Bytes
 // pass unchanged both ways; there is no telnet protocol handling.
-#include "nxaclient.h"
-
-#include <cerrno>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "client/trace.h"
+#include "nxaclient.h"
 
 namespace {
 
@@ -20,7 +20,9 @@ NXAClient::PeerTelnet::PeerTelnet(Module const& module, std::string const& id, i
     this->fd = fd;
 }
 
-NXAClient::PeerTelnet::~PeerTelnet() { PeerTelnet::close(); }
+NXAClient::PeerTelnet::~PeerTelnet() {
+    PeerTelnet::close();
+}
 
 void NXAClient::PeerTelnet::close() {
     if (fd == -1) return;

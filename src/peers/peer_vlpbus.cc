@@ -1,8 +1,8 @@
 // NXAClient::PeerVLPBus: a bus subscriber of the module's output, served over
 // the module's own bus connection, one system message per chunk.
-#include "nxaclient.h"
-
 #include <utility>
+
+#include "nxaclient.h"
 
 namespace {
 
@@ -10,7 +10,9 @@ namespace {
 constexpr unsigned char kTextKind = 0x22;
 
 // The bus client's descriptor, -1 when there is no client or it is not connected.
-int busFd(VLPBusClient const* bus) { return bus ? bus->fd() : -1; }
+int busFd(VLPBusClient const* bus) {
+    return bus ? bus->fd() : -1;
+}
 
 }  // namespace
 
@@ -27,7 +29,9 @@ void NXAClient::PeerVLPBus::addFds(FdSet&, FdSet& wr) {
     if (fd != -1 && !queue.empty()) wr.add(fd);
 }
 
-bool NXAClient::PeerVLPBus::forward(FdSet const&, std::string&) { return false; }
+bool NXAClient::PeerVLPBus::forward(FdSet const&, std::string&) {
+    return false;
+}
 
 void NXAClient::PeerVLPBus::write(FdSet const& wr) {
     VLPBusClient* bus = module.getBus();

@@ -1,10 +1,10 @@
 // NXAClient::Peers: a module's peers, keyed by id and visited in id order.
-#include "nxaclient.h"
-
-#include <iterator>
 #include <vlplatform/log_util.h>
 
+#include <iterator>
+
 #include "client/trace.h"
+#include "nxaclient.h"
 
 NXAClient::Peers::Peers(Module const& module, std::initializer_list<Peer*> initial)
     : module(module), peers() {

@@ -1,12 +1,13 @@
 #include "module_fixture.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
 
 #include "sandbox.h"
 
@@ -57,8 +58,7 @@ void connectLoopback(Connection& out, ConnectionOptions const& options) {
     out.client = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_GE(out.client, 0) << strerror(errno);
     if (options.clientRcvBuf) setIntOption(out.client, SO_RCVBUF, options.clientRcvBuf);
-    ASSERT_EQ(connect(out.client, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0)
-        << strerror(errno);
+    ASSERT_EQ(connect(out.client, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << strerror(errno);
     out.server = accept(listener, nullptr, nullptr);
     ASSERT_GE(out.server, 0) << strerror(errno);
     close(listener);
@@ -90,8 +90,8 @@ std::string readBytes(int fd, std::size_t count, int timeoutMs) {
     std::string out;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (out.size() < count) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                          std::chrono::steady_clock::now());
         if (left.count() <= 0) break;
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
@@ -104,10 +104,16 @@ std::string readBytes(int fd, std::size_t count, int timeoutMs) {
     return out;
 }
 
-FdSet readable(int fd, int timeoutMs) { return ready(fd, false, timeoutMs); }
-FdSet writable(int fd, int timeoutMs) { return ready(fd, true, timeoutMs); }
+FdSet readable(int fd, int timeoutMs) {
+    return ready(fd, false, timeoutMs);
+}
+FdSet writable(int fd, int timeoutMs) {
+    return ready(fd, true, timeoutMs);
+}
 
-std::string chunkText(NXAClient::bufblock_t const& block) { return block.data->bytes; }
+std::string chunkText(NXAClient::bufblock_t const& block) {
+    return block.data->bytes;
+}
 
 int cycle(NXAClient::Peers& peers, std::string& in, int timeoutMs) {
     FdSet rd, wr;

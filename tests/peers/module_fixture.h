@@ -4,12 +4,13 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <unistd.h>
 
-#include "nxaclient.h"
+#include <memory>
+#include <string>
+
 #include "nxa_test_access.h"
+#include "nxaclient.h"
 
 namespace peerstest {
 

@@ -2,11 +2,12 @@
 // demand: a write that returns 0, a write cut at an exact length, a write
 // error in the middle of a chunk, and a bus send that fails. This binary
 // replaces write() and VLPBusClient::sendTo() for the library.
-#include <cerrno>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <string>
 #include <unistd.h>
+
+#include <cerrno>
+#include <string>
 #include <vector>
 
 #include "capture.h"

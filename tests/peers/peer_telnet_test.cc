@@ -1,10 +1,11 @@
 // The telnet peer on real loopback TCP connections.
-#include <cerrno>
-#include <csignal>
 #include <fcntl.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+
+#include <cerrno>
+#include <csignal>
+#include <string>
 
 #include "capture.h"
 #include "module_fixture.h"
@@ -14,7 +15,9 @@ namespace {
 
 using peerstest::Connection;
 
-bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 std::string allByteValues() {
     std::string all;
@@ -86,8 +89,8 @@ TEST_F(PeerTelnetTest, OutputBytesReachTheClientUnchanged) {
         peerstest::cycle(peers(), in, 100);
         return peerOf(conn).getQueue().empty();
     }));
-    EXPECT_EQ(peerstest::readBytes(conn.client, 259), all.substr(0, 128) + std::string("\0\r\xff", 3) +
-                                                          all.substr(128));
+    EXPECT_EQ(peerstest::readBytes(conn.client, 259),
+              all.substr(0, 128) + std::string("\0\r\xff", 3) + all.substr(128));
     close(conn.client);
 }
 
@@ -168,18 +171,20 @@ TEST_F(PeerTelnetTest, ResumesAPartialWriteAtTheOffset) {
     std::string received;
     int stalledWrites = writes;
     unsigned long long offset = first;
-    ASSERT_TRUE(nxatest::waitUntil([&] {
-        received += peerstest::readBytes(conn.client, chunk.size() - received.size(), 20);
-        FdSet wr = peerstest::writable(conn.server, 20);
-        if (wr.count() == 0 || peer.getQueue().empty()) return peer.getQueue().empty();
-        peer.write(wr);
-        ++writes;
-        if (!peer.getQueue().empty()) {
-            EXPECT_GT(peer.getQueue().front().offset, offset);
-            offset = peer.getQueue().front().offset;
-        }
-        return peer.getQueue().empty();
-    }, std::chrono::seconds(30)));
+    ASSERT_TRUE(nxatest::waitUntil(
+        [&] {
+            received += peerstest::readBytes(conn.client, chunk.size() - received.size(), 20);
+            FdSet wr = peerstest::writable(conn.server, 20);
+            if (wr.count() == 0 || peer.getQueue().empty()) return peer.getQueue().empty();
+            peer.write(wr);
+            ++writes;
+            if (!peer.getQueue().empty()) {
+                EXPECT_GT(peer.getQueue().front().offset, offset);
+                offset = peer.getQueue().front().offset;
+            }
+            return peer.getQueue().empty();
+        },
+        std::chrono::seconds(30)));
     received += peerstest::readBytes(conn.client, chunk.size() - received.size());
     EXPECT_GT(writes, stalledWrites + 1);
     EXPECT_EQ(received.size(), chunk.size());
@@ -229,7 +234,7 @@ TEST_F(PeerTelnetTest, ClientThatSendsAndClosesAtOnceIsReadThenRemoved) {
     EXPECT_NE(peers().find(id(conn)), nullptr);
     peers().forward(peerstest::readable(conn.server), in);
     EXPECT_EQ(out.text(), "[DEBUG] NXAPeer::forward() EOF on " + id(conn) +
-                                 "\n[DEBUG] NXAPeer::forward() erasing peer " + id(conn) + "\n");
+                              "\n[DEBUG] NXAPeer::forward() erasing peer " + id(conn) + "\n");
     EXPECT_EQ(in, "bye");
     EXPECT_EQ(peers().find(id(conn)), nullptr);
     EXPECT_EQ(nxatest::openDescriptorCount(), before);

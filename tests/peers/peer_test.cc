@@ -112,8 +112,7 @@ TEST_F(PeerQueue, NewTelnetPeerStartsWithTheTenNewestChunks) {
     peerstest::Connection conn;
     ASSERT_NO_FATAL_FAILURE(peerstest::connectLoopback(conn));
     peers().add(conn.server);
-    EXPECT_EQ(texts(queueOf("telnet:" + std::to_string(conn.server))),
-              "c6 c7 c8 c9 c10 c11 c12 c13 c14 c15");
+    EXPECT_EQ(texts(queueOf("telnet:" + std::to_string(conn.server))), "c6 c7 c8 c9 c10 c11 c12 c13 c14 c15");
     close(conn.client);
 }
 

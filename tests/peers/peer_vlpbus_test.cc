@@ -14,8 +14,8 @@ namespace {
 using peerstest::Subscriber;
 
 // What every output message carries besides its text.
-std::set<std::string> const kOutputProperties = {"vlp-sender:NXAModule_demo", "vlp-type:system",
-                                                 "vlp-id:128", "vlp-kind:34"};
+std::set<std::string> const kOutputProperties = {"vlp-sender:NXAModule_demo", "vlp-type:system", "vlp-id:128",
+                                                 "vlp-kind:34"};
 
 class PeerVLPBusTest : public peerstest::ModuleTest {
 protected:
@@ -54,7 +54,9 @@ TEST_F(PeerVLPBusTest, StripsNulBytesAndKeepsEveryOtherByte) {
     push(chunk);
     writeCycle();
     ASSERT_TRUE(sub.waitFor(1));
-    EXPECT_EQ(sub.messages()[0].payload, std::string("a\r\xff" "b\x01", 5));
+    EXPECT_EQ(sub.messages()[0].payload, std::string("a\r\xff"
+                                                     "b\x01",
+                                                     5));
     // The chunk itself is not changed: the run log still has the NUL bytes.
     std::string log;
     runLog()->move(log);

@@ -1,6 +1,7 @@
 // The peer set: ownership, ids, id order, add and erase rules, the visits.
-#include <cerrno>
 #include <fcntl.h>
+
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,9 @@ namespace {
 
 using peerstest::Connection;
 
-bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 class PeersTest : public peerstest::ModuleTest {
 protected:
@@ -28,8 +31,8 @@ protected:
 };
 
 TEST_F(PeersTest, ConstructorTakesThePeersInListOrderUnderTheirIds) {
-    NXAClient::Peers set(module(), {new NXAClient::PeerVLPBus(module(), "viewer"),
-                                     new NXAClient::PeerLog(module())});
+    NXAClient::Peers set(module(),
+                         {new NXAClient::PeerVLPBus(module(), "viewer"), new NXAClient::PeerLog(module())});
     EXPECT_EQ(set.size(), 2u);
     ASSERT_NE(set.find("viewer"), nullptr);
     ASSERT_NE(set.find("client"), nullptr);
@@ -89,8 +92,7 @@ TEST_F(PeersTest, DuplicateTelnetAddWarnsAndLeavesTheNewDescriptorOpenAndUntrack
     ASSERT_NO_FATAL_FAILURE(peerstest::connectLoopback(second));
     ASSERT_EQ(second.server, fd);
     peers().add(second.server);
-    EXPECT_EQ(out.text(),
-              "[WARNING] NXAPeer::add() cannot add peer " + telnetId(fd) + ": already exists\n");
+    EXPECT_EQ(out.text(), "[WARNING] NXAPeer::add() cannot add peer " + telnetId(fd) + ": already exists\n");
     peers().erase(telnetId(fd));
     close(second.client);
     // Deliberately leaked by the set: still open, tracked by nobody.
@@ -106,8 +108,8 @@ TEST_F(PeersTest, SecondAddOfTheSameDescriptorWarnsAndKeepsTheFirstPeer) {
     NXAClient::Peer* first = peers().find(telnetId(conn.server));
     nxatest::Capture out;
     peers().add(conn.server);
-    EXPECT_EQ(out.release(), "[WARNING] NXAPeer::add() cannot add peer " + telnetId(conn.server) +
-                                 ": already exists\n");
+    EXPECT_EQ(out.release(),
+              "[WARNING] NXAPeer::add() cannot add peer " + telnetId(conn.server) + ": already exists\n");
     EXPECT_EQ(peers().find(telnetId(conn.server)), first);
     EXPECT_EQ(peers().size(), 2u);
     EXPECT_TRUE(isOpen(conn.server));
@@ -234,9 +236,10 @@ TEST_F(PeersTest, ForwardRemovesAPeerAtEndOfStreamAfterItsOwnTrace) {
     NXAClient::debug = 1;
     peers().forward(rd, in);
     std::string id = telnetId(conn.server);
-    EXPECT_EQ(out.text(),
-              "[DEBUG] NXAPeer::forward() EOF on " + id + "\n"
-              "[DEBUG] NXAPeer::forward() erasing peer " + id + "\n");
+    EXPECT_EQ(out.text(), "[DEBUG] NXAPeer::forward() EOF on " + id +
+                              "\n"
+                              "[DEBUG] NXAPeer::forward() erasing peer " +
+                              id + "\n");
     EXPECT_EQ(peers().find(id), nullptr);
     EXPECT_EQ(in, "");
     EXPECT_EQ(nxatest::openDescriptorCount(), before);

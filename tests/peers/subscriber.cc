@@ -1,12 +1,13 @@
 #include "subscriber.h"
 
-#include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
-#include <sstream>
-#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
 
 #include "sandbox.h"
 #include "shell.h"
@@ -46,19 +47,22 @@ Subscriber::Subscriber(std::string const& id) : id_(id) {
     if (pid_ == 0) {
         dup2(fd, 1);
         dup2(fd, 2);
-        execlp("mosquitto_sub", "mosquitto_sub", "-V", "mqttv5", "-h", "127.0.0.1", "-p", port.c_str(),
-               "-t", topic.c_str(), "-t", probe.c_str(), "-F", "%t|%P|%x", static_cast<char*>(nullptr));
+        execlp("mosquitto_sub", "mosquitto_sub", "-V", "mqttv5", "-h", "127.0.0.1", "-p", port.c_str(), "-t",
+               topic.c_str(), "-t", probe.c_str(), "-F", "%t|%P|%x", static_cast<char*>(nullptr));
         _exit(127);
     }
     close(fd);
     if (pid_ < 0) throw std::runtime_error("cannot fork mosquitto_sub");
     // Subscribed once a probe sent to it comes back out.
     std::string pub = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p " + port + " -t " + probe + " -m ready";
-    bool ready = nxatest::waitUntil([&] {
-        nxatest::shell(pub);
-        return nxatest::waitUntil([&] { return nxatest::readFile(output_).find(probe + "|") != std::string::npos; },
-                                  std::chrono::milliseconds(200));
-    }, std::chrono::seconds(20));
+    bool ready = nxatest::waitUntil(
+        [&] {
+            nxatest::shell(pub);
+            return nxatest::waitUntil(
+                [&] { return nxatest::readFile(output_).find(probe + "|") != std::string::npos; },
+                std::chrono::milliseconds(200));
+        },
+        std::chrono::seconds(20));
     if (!ready) throw std::runtime_error("mosquitto_sub did not subscribe: " + nxatest::readFile(output_));
 }
 

@@ -2,10 +2,11 @@
 // listening on a participant's topic "vlpbus/<id>" of the sandbox's broker.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <set>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace peerstest {
