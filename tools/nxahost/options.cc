@@ -59,6 +59,18 @@ ParsedCommandLine usageError(std::string const& problem) {
     return result;
 }
 
+// What was wrong with the option getopt_long refused. optopt tells: the value
+// of a long option given a value it does not take, the letter of an unknown
+// short option (argv[optind - 1] is then not always the word that held it, as
+// in "-xy"), or 0 for an unknown long option, which argv[optind - 1] holds.
+std::string unknownOption(char* const argv[]) {
+    for (option const* o = kOptions; o->name; ++o) {
+        if (o->val == optopt) return std::string("option '--") + o->name + "' takes no value";
+    }
+    if (optopt > 0) return std::string("unknown option '-") + static_cast<char>(optopt) + "'";
+    return std::string("unknown option '") + argv[optind - 1] + "'";
+}
+
 // Applies one option to `options`; an empty result means it was fine.
 std::string applyOption(int option, char const* value, HostOptions& options) {
     unsigned long number = 0;
@@ -97,7 +109,7 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
             return result;
         }
         if (option == ':') return usageError(std::string("option '") + argv[optind - 1] + "' needs a value");
-        if (option == '?') return usageError(std::string("unknown option '") + argv[optind - 1] + "'");
+        if (option == '?') return usageError(unknownOption(argv));
         std::string problem = applyOption(option, optarg, result.options);
         if (!problem.empty()) return usageError(problem);
     }
