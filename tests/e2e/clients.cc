@@ -1,0 +1,163 @@
+#include "clients.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "shell.h"
+
+namespace e2e {
+
+namespace {
+
+std::string quoted(std::string const& text) {
+    std::string out = "'";
+    for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+}  // namespace
+
+Background::Background(std::string const& command, bool withInput) {
+    static int serial = 0;
+    file_ = scratchDir() + "/client" + std::to_string(++serial) + ".out";
+    int pipeEnds[2] = {-1, -1};
+    if (withInput && ::pipe2(pipeEnds, O_CLOEXEC) != 0) ADD_FAILURE() << "pipe: " << std::strerror(errno);
+    int const out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    int const in = withInput ? pipeEnds[0] : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::setpgid(0, 0);
+        ::dup2(in, 0);
+        ::dup2(out, 1);
+        ::dup2(out, 2);
+        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    if (pid_ > 0) ::setpgid(pid_, pid_);
+    ::close(out);
+    ::close(in);
+    input_ = pipeEnds[1];
+}
+
+Background::~Background() {
+    closeInput();
+    if (pid_ <= 0) return;
+    ::kill(-pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+}
+
+void Background::send(std::string const& bytes) const {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(input_, bytes.data() + done, bytes.size() - done);
+        if (n <= 0) {
+            ADD_FAILURE() << "cannot write to the client's input: " << std::strerror(errno);
+            return;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+void Background::closeInput() {
+    if (input_ >= 0) ::close(input_);
+    input_ = -1;
+}
+
+std::string Background::output() const { return nxatest::readFile(file_); }
+
+bool Background::waitFor(std::string const& text, milliseconds timeout) const {
+    return nxatest::waitUntil([&] { return output().find(text) != std::string::npos; }, timeout);
+}
+
+int Background::wait(milliseconds timeout) {
+    int status = 0;
+    bool const done = nxatest::waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
+    if (!done) return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string ncCommand(unsigned port) { return "exec nc 127.0.0.1 " + std::to_string(port); }
+
+std::string socatCommand(unsigned port) { return "exec socat - TCP:127.0.0.1:" + std::to_string(port); }
+
+bool listening(unsigned port) {
+    return nxatest::shell("nc -z 127.0.0.1 " + std::to_string(port)).status == 0;
+}
+
+RawClient::RawClient(unsigned port, int receiveBuffer) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0) ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ADD_FAILURE() << "cannot connect to port " << port << ": " << std::strerror(errno);
+    }
+}
+
+RawClient::~RawClient() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+bool RawClient::receive(std::size_t count, milliseconds timeout) {
+    std::size_t got = 0;
+    return nxatest::waitUntil(
+        [&] {
+            pollfd p{fd_, POLLIN, 0};
+            if (::poll(&p, 1, 0) <= 0) return false;
+            char buf[4096];
+            ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+            if (n > 0) got += static_cast<std::size_t>(n);
+            return got >= count;
+        },
+        timeout);
+}
+
+void RawClient::reset() {
+    linger const abortive{1, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    ::close(fd_);
+    fd_ = -1;
+}
+
+int RawClient::unread() const {
+    int count = -1;
+    ::ioctl(fd_, FIONREAD, &count);
+    return count;
+}
+
+void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text) {
+    std::string const command = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + to) +
+                                " -m " + quoted(text) + " -D publish user-property vlp-sender " + quoted(sender) +
+                                " -D publish user-property vlp-type system" +
+                                " -D publish user-property vlp-kind " + std::to_string(kind);
+    nxatest::ShellResult const r = nxatest::shell(command);
+    ASSERT_EQ(r.status, 0) << command << ": " << r.output;
+}
+
+BusSubscriber::BusSubscriber(std::string const& name)
+    : sub_("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) + " -F '%p'") {
+    // The subscription is in place once a probe published to it comes back.
+    bool const ready = nxatest::waitUntil(
+        [&] {
+            nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) +
+                           " -m subscriber-probe");
+            return sub_.waitFor("subscriber-probe", milliseconds(300));
+        },
+        kPatience);
+    EXPECT_TRUE(ready) << "mosquitto_sub did not subscribe: " << output();
+}
+
+}  // namespace e2e

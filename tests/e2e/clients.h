@@ -1,0 +1,86 @@
+// The clients a person would use against the host: nc and socat on a
+// module's port, mosquitto_pub and mosquitto_sub on the bus, and two
+// misbehaving TCP clients made by the test itself.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <sys/types.h>
+
+#include "host_process.h"
+
+namespace e2e {
+
+// A shell command in the background, in its own process group, its standard
+// output and error going to one file. With `withInput`, its standard input is
+// a pipe the test writes to (send); otherwise /dev/null. The destructor kills
+// the group and reaps the command.
+class Background {
+public:
+    explicit Background(std::string const& command, bool withInput = false);
+    ~Background();
+    Background(Background const&) = delete;
+    Background& operator=(Background const&) = delete;
+
+    // Writes `bytes` to the command's standard input.
+    void send(std::string const& bytes) const;
+    // Closes the command's standard input (end of file for it).
+    void closeInput();
+    std::string output() const;
+    // Waits until the output contains `text`.
+    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const;
+    // Waits for the command to end: its exit status, -1 on time-out.
+    int wait(milliseconds timeout = kPatience);
+
+private:
+    pid_t pid_ = -1;
+    int input_ = -1;
+    std::string file_;
+};
+
+// `nc 127.0.0.1 <port>`, typing what the test sends.
+std::string ncCommand(unsigned port);
+// `socat - TCP:127.0.0.1:<port>`, typing what the test sends.
+std::string socatCommand(unsigned port);
+
+// True while something accepts TCP connections on 127.0.0.1:<port> (asked with nc -z).
+bool listening(unsigned port);
+
+// A TCP connection made by the test itself, for clients no command-line tool
+// plays well: one that resets its connection, one that never reads.
+class RawClient {
+public:
+    // Connects to 127.0.0.1:<port>; fails the test when it cannot.
+    explicit RawClient(unsigned port, int receiveBuffer = 0);
+    ~RawClient();
+    RawClient(RawClient const&) = delete;
+    RawClient& operator=(RawClient const&) = delete;
+
+    // Waits until at least `count` bytes have been received (and reads them).
+    bool receive(std::size_t count, milliseconds timeout = kPatience);
+    // Closes with SO_LINGER 0: the peer gets a reset instead of an end of stream.
+    void reset();
+    // The bytes waiting unread in the receive buffer.
+    int unread() const;
+
+private:
+    int fd_ = -1;
+};
+
+// Publishes a system message with mosquitto_pub (MQTT v5) to the bus
+// participant `to` ("vlpbus/<to>"), as `sender`, with kind `kind`.
+void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text);
+
+// mosquitto_sub -V mqttv5 on "vlpbus/<name>", printing each payload on its own
+// line. Returns once the subscription is known to be in place.
+class BusSubscriber {
+public:
+    explicit BusSubscriber(std::string const& name);
+    std::string output() const { return sub_.output(); }
+    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const { return sub_.waitFor(text, timeout); }
+
+private:
+    Background sub_;
+};
+
+}  // namespace e2e

@@ -1,0 +1,76 @@
+/* Faults for the host daemon, loaded with LD_PRELOAD and armed by environment
+ * variables read once at load time:
+ *
+ *   NXA_E2E_FAIL_SETSID=<k>   setsid() fails with EPERM in the k-th child
+ *                             forked by the process (counting from 1); every
+ *                             other call, and every call in the process
+ *                             itself, goes to the C library.
+ *   NXA_E2E_FAIL_PTY_READ=1   read() on a pseudo-terminal master (/dev/ptmx)
+ *                             fails with EIO.
+ *
+ * The library takes LD_PRELOAD out of the environment as it loads, so the
+ * programs the host starts run without it. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+static int failSetsidInChild;
+static int failPtyRead;
+static int forksSoFar;
+static int ordinalAsChild;
+
+__attribute__((constructor)) static void arm(void) {
+    char const* setsidChild = getenv("NXA_E2E_FAIL_SETSID");
+    char const* ptyRead = getenv("NXA_E2E_FAIL_PTY_READ");
+    failSetsidInChild = setsidChild ? atoi(setsidChild) : 0;
+    failPtyRead = ptyRead && strcmp(ptyRead, "1") == 0;
+    unsetenv("LD_PRELOAD");
+}
+
+pid_t fork(void) {
+    static pid_t (*realFork)(void);
+    if (!realFork) realFork = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+    int const next = forksSoFar + 1;
+    pid_t const pid = realFork();
+    if (pid == 0) {
+        ordinalAsChild = next;
+    } else if (pid > 0) {
+        forksSoFar = next;
+    }
+    return pid;
+}
+
+pid_t setsid(void) {
+    static pid_t (*realSetsid)(void);
+    if (!realSetsid) realSetsid = (pid_t(*)(void))dlsym(RTLD_NEXT, "setsid");
+    if (failSetsidInChild > 0 && ordinalAsChild == failSetsidInChild) {
+        errno = EPERM;
+        return -1;
+    }
+    return realSetsid();
+}
+
+static int isPtyMaster(int fd) {
+    char link[64];
+    char target[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    ssize_t const n = readlink(link, target, sizeof target - 1);
+    if (n <= 0) return 0;
+    target[n] = '\0';
+    return strcmp(target, "/dev/ptmx") == 0 || strcmp(target, "/dev/pts/ptmx") == 0;
+}
+
+ssize_t read(int fd, void* buf, size_t count) {
+    static ssize_t (*realRead)(int, void*, size_t);
+    if (!realRead) realRead = (ssize_t(*)(int, void*, size_t))dlsym(RTLD_NEXT, "read");
+    if (failPtyRead && isPtyMaster(fd)) {
+        errno = EIO;
+        return -1;
+    }
+    return realRead(fd, buf, count);
+}

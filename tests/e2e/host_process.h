@@ -1,0 +1,75 @@
+// The real nxahost binary run by a test: started in the background with its
+// standard output and error going to files, watched line by line, signalled
+// and waited for.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace e2e {
+
+using std::chrono::milliseconds;
+
+// How long a test waits for something the host is expected to do.
+constexpr milliseconds kPatience{20000};
+
+// The binaries and folders under test, as the build passes them.
+std::string hostBinary();
+std::string packBinary();
+std::string examplesDir();
+// The fault library (see fault_preload.c) and the LD_PRELOAD value that loads
+// it into the host (after the sanitizer runtime in a sanitized build).
+std::string faultLibrary();
+std::string faultPreload();
+// The LeakSanitizer suppressions for allocations the host leaves by design
+// (see host_leak.supp), as a "LSAN_OPTIONS=..." environment entry.
+std::string leakSuppressionsEnv();
+
+// A scratch folder of the running test, under /tmp (created on first use).
+std::string scratchDir();
+
+class HostProcess {
+public:
+    // Starts `hostBinary()` with `args`, the test's environment plus `env`
+    // ("NAME=value" entries), standard input from /dev/null.
+    explicit HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env = {});
+    // Kills the host if it still runs (SIGKILL) and reaps it.
+    ~HostProcess();
+    HostProcess(HostProcess const&) = delete;
+    HostProcess& operator=(HostProcess const&) = delete;
+
+    pid_t pid() const { return pid_; }
+    std::string out() const;
+    std::string err() const;
+    // The complete lines (ended by "\n") written to standard output so far.
+    std::vector<std::string> outLines() const;
+    // How many complete lines of standard output equal `line`.
+    int countLine(std::string const& line) const;
+    // Waits until standard output holds `line` as a complete line at least
+    // `times` times.
+    bool waitForLine(std::string const& line, int times = 1, milliseconds timeout = kPatience) const;
+    // Waits until standard output contains `text` anywhere.
+    bool waitForText(std::string const& text, milliseconds timeout = kPatience) const;
+
+    void signal(int sig) const;
+    // Waits for the host to end: its exit status (128 + signal when killed),
+    // or -1 when it still runs after `timeout`.
+    int waitExit(milliseconds timeout = kPatience);
+    bool running() const { return pid_ > 0 && status_ < 0 && !endedNow(); }
+
+private:
+    bool endedNow() const;
+
+    pid_t pid_ = -1;
+    mutable int status_ = -1;
+    std::string outFile_;
+    std::string errFile_;
+};
+
+// The host's line for a module it runs:
+// "[INFO] nxahost: module <name> runs on port <port> (attach: nc 127.0.0.1 <port>)".
+std::string runsOnPortLine(std::string const& name, unsigned port);
+
+}  // namespace e2e
