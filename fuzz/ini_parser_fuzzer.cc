@@ -27,8 +27,11 @@ std::string const& inputPath() {
     return path;
 }
 
+// A new file each time: rewriting a truncated file makes some file systems
+// flush it on close, which would slow every run down to the disk's pace.
 void writeInput(std::uint8_t const* data, std::size_t size) {
-    int fd = open(inputPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    unlink(inputPath().c_str());
+    int fd = open(inputPath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) std::abort();
     while (size > 0) {
         ssize_t n = write(fd, data, size);
