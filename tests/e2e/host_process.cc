@@ -120,6 +120,17 @@ int HostProcess::waitExit(milliseconds timeout) {
     return status_;
 }
 
+std::string describe(HostProcess const& host) {
+    return "host stdout:\n" + host.out() + "\nhost stderr:\n" + host.err();
+}
+
+bool waitRunning(HostProcess const& host, std::vector<std::pair<std::string, unsigned>> const& modules) {
+    for (auto const& [name, port] : modules) {
+        if (!host.waitForLine(runsOnPortLine(name, port))) return false;
+    }
+    return true;
+}
+
 std::string runsOnPortLine(std::string const& name, unsigned port) {
     std::string const p = std::to_string(port);
     return "[INFO] nxahost: module " + name + " runs on port " + p + " (attach: nc 127.0.0.1 " + p + ")";

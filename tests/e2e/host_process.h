@@ -6,6 +6,7 @@
 #include <chrono>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace e2e {
@@ -67,6 +68,13 @@ private:
     std::string outFile_;
     std::string errFile_;
 };
+
+// Both outputs of the host, for failure messages.
+std::string describe(HostProcess const& host);
+
+// Waits until the host reports each module of `modules` (name and port) as
+// running.
+bool waitRunning(HostProcess const& host, std::vector<std::pair<std::string, unsigned>> const& modules);
 
 // The host's line for a module it runs:
 // "[INFO] nxahost: module <name> runs on port <port> (attach: nc 127.0.0.1 <port>)".

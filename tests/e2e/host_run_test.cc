@@ -1,1 +1,265 @@
+// nxahost serving its modules: which modules of a package run and on which
+// ports, what nc, socat and the bus see of them, and the options that change
+// where things are.
 #include <gtest/gtest.h>
+#include <regex>
+#include <thread>
+
+#include "clients.h"
+#include "host_process.h"
+#include "packages.h"
+#include "sandbox.h"
+#include "sandbox_processes.h"
+
+namespace e2e {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string sources() { return scratchDir() + "/src"; }
+
+// A program that answers every line it reads with "got <line>".
+constexpr char kAnswering[] =
+    "printf 'ready\\r\\n'\n"
+    "while IFS= read -r line; do printf 'got <%s>\\r\\n' \"$line\"; done";
+
+// A program that prints "tick <n>" ten times a second.
+constexpr char kTicking[] = "i=0; while :; do i=$((i+1)); printf 'tick %d\\n' $i; sleep 0.1; done";
+
+// The first line a module's clients see: the library's line from the child.
+std::regex startingLine(std::string const& name) {
+    return std::regex("^\\[INFO\\] NXAModule::exec\\(\\) pid=([0-9]+): starting module \"" + name +
+                      "\", childpid=\\1\n");
+}
+
+TEST(HostRun, OnlyTheNoarchModuleOfThreeRunsOnFirstPortPlusItsIndex) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "x64", "x86_64", "printf 'x64 runs\\n'; exec sleep 1000"),
+                    writeModule(sources(), "old", "i586", "printf 'old runs\\n'; exec sleep 1000"),
+                    writeModule(sources(), "any", "noarch", "printf 'any runs\\n'; while :; do sleep 1; done")});
+    HostProcess host({"--port", "20200", "x64", "old", "any"});
+    ASSERT_TRUE(waitRunning(host, {{"any", 20202}})) << describe(host);
+
+    EXPECT_EQ(host.countLine(runsOnPortLine("x64", 20200)), 0);
+    EXPECT_EQ(host.countLine(runsOnPortLine("old", 20201)), 0);
+    EXPECT_FALSE(listening(20200));
+    EXPECT_FALSE(listening(20201));
+    Background nc(ncCommand(20202), true);
+    ASSERT_TRUE(nc.waitFor("any runs\n")) << nc.output();
+    EXPECT_TRUE(std::regex_search(nc.output(), startingLine("any"))) << nc.output();
+    // All three were installed; the manifest check dropped two.
+    EXPECT_EQ(listDir(kModulesDir), (std::vector<std::string>{"any", "old", "x64"}));
+    std::vector<ProcessInfo> const children = childrenOf(host.pid());
+    ASSERT_EQ(children.size(), 1u);
+    EXPECT_EQ(children[0].comm, "any");
+    EXPECT_TRUE(host.running());
+}
+
+TEST(HostRun, NcSeesTheStartingLineFirstAndReachesTheProgram) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "answer", "noarch", kAnswering)});
+    HostProcess host({"answer"});
+    ASSERT_TRUE(waitRunning(host, {{"answer", 20100}})) << describe(host);
+    Background nc(ncCommand(20100), true);
+    ASSERT_TRUE(nc.waitFor("ready\r\n")) << nc.output();
+    std::smatch match;
+    std::string const seen = nc.output();
+    ASSERT_TRUE(std::regex_search(seen, match, startingLine("answer"))) << seen;
+    EXPECT_EQ(seen.substr(static_cast<std::size_t>(match.length(0))), "ready\r\n");
+
+    nc.send("hello module\n");
+    ASSERT_TRUE(nc.waitFor("got <hello module>\r\n")) << nc.output();
+    nc.send("second line\n");
+    ASSERT_TRUE(nc.waitFor("got <second line>\r\n")) << nc.output();
+}
+
+TEST(HostRun, BytesZeroCarriageReturnAnd0xFFPassBothWaysThroughSocatAndNc) {
+    NXA_REQUIRE_SANDBOX();
+    // The program shows the three bytes it reads in hex, then writes them back
+    // between two markers; rounds are numbered.
+    installPackage({writeModule(sources(), "bytes", "noarch",
+                                "printf 'ready\\n'; n=0\n"
+                                "while :; do\n"
+                                "  n=$((n+1))\n"
+                                "  printf 'in%d:%s\\n' $n \"$(head -c 3 | od -An -tx1 | tr -d ' \\n')\"\n"
+                                "  printf 'out%d:\\000\\015\\377:end\\n' $n\n"
+                                "done")});
+    HostProcess host({"bytes"});
+    ASSERT_TRUE(waitRunning(host, {{"bytes", 20100}})) << describe(host);
+
+    int round = 0;
+    for (std::string const& command : {socatCommand(20100), ncCommand(20100)}) {
+        std::string const n = std::to_string(++round);
+        Background client(command, true);
+        ASSERT_TRUE(client.waitFor("ready\n")) << command << ": " << client.output();
+        client.send(std::string("\x00\x0d\xff", 3));
+        std::string const expected = "in" + n + ":000dff\nout" + n + ":" + std::string("\x00\x0d\xff", 3) + ":end\n";
+        EXPECT_TRUE(client.waitFor(expected)) << command << ": " << client.output();
+    }
+}
+
+TEST(HostRun, BusSubscriberGetsOutputAfterStartAndNoneAfterStop) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "talker", "noarch", kTicking)});
+    HostProcess host({"talker"});
+    ASSERT_TRUE(waitRunning(host, {{"talker", 20100}})) << describe(host);
+    BusSubscriber viewer("viewer");
+    // Nothing comes unasked.
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(viewer.output().find("tick"), std::string::npos) << viewer.output();
+
+    bool const started = nxatest::waitUntil(
+        [&] {
+            publishSystem("NXAModule_talker", "viewer", 4, "71-NXAStartOutput");
+            return viewer.waitFor("tick", 2s);
+        },
+        kPatience);
+    ASSERT_TRUE(started) << viewer.output() << describe(host);
+    ASSERT_TRUE(nxatest::waitUntil([&] { return viewer.output().find("tick 3\n") != std::string::npos; }));
+
+    publishSystem("NXAModule_talker", "viewer", 4, "72-NXAStopOutput");
+    // Once stopped, the output stays quiet for a whole second while the module
+    // goes on ticking ten times a second.
+    std::string last = viewer.output();
+    auto quietSince = std::chrono::steady_clock::now();
+    bool const quiet = nxatest::waitUntil(
+        [&] {
+            std::string now = viewer.output();
+            if (now != last) {
+                last = now;
+                quietSince = std::chrono::steady_clock::now();
+            }
+            return std::chrono::steady_clock::now() - quietSince > 1s;
+        },
+        kPatience);
+    ASSERT_TRUE(quiet) << viewer.output();
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(viewer.output(), last);
+    // The module itself goes on: a TCP client still sees new ticks.
+    Background nc(ncCommand(20100));
+    ASSERT_TRUE(nc.waitFor("tick")) << nc.output();
+    EXPECT_TRUE(host.running());
+}
+
+TEST(HostRun, TextOfKind34SentToTheHostsBusNameReachesEveryModulesClientsNotThePrograms) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "one", "noarch", kAnswering),
+                    writeModule(sources(), "two", "noarch", kAnswering)});
+    HostProcess host({"one", "two"});
+    ASSERT_TRUE(waitRunning(host, {{"one", 20100}, {"two", 20101}})) << describe(host);
+    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: bus name NXAHost")) << describe(host);
+    Background ncOne(ncCommand(20100), true);
+    Background ncTwo(socatCommand(20101), true);
+    ASSERT_TRUE(ncOne.waitFor("ready\r\n"));
+    ASSERT_TRUE(ncTwo.waitFor("ready\r\n"));
+
+    bool const delivered = nxatest::waitUntil(
+        [&] {
+            publishSystem("NXAHost", "tester", 34, "notice to all\n");
+            return ncOne.waitFor("notice to all\n", 2s);
+        },
+        kPatience);
+    ASSERT_TRUE(delivered) << ncOne.output() << describe(host);
+    ASSERT_TRUE(ncTwo.waitFor("notice to all\n")) << ncTwo.output();
+    // The text went to the clients as output; the programs read nothing.
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(ncOne.output().find("got <"), std::string::npos) << ncOne.output();
+    EXPECT_EQ(ncTwo.output().find("got <"), std::string::npos) << ncTwo.output();
+}
+
+TEST(HostRun, TheExamplesPackedWithNxapackRun) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({examplesDir() + "/clock", examplesDir() + "/echo", examplesDir() + "/greeter"});
+    HostProcess host({"clock", "echo", "greeter"});
+    ASSERT_TRUE(waitRunning(host, {{"clock", 20100}, {"echo", 20101}, {"greeter", 20102}})) << describe(host);
+
+    Background clock(ncCommand(20100));
+    std::regex const timeLine("clock: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\r\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(clock.output(), timeLine); }, kPatience))
+        << clock.output();
+
+    Background echo(ncCommand(20101), true);
+    ASSERT_TRUE(echo.waitFor("echo: type a line and press Enter\r\n")) << echo.output();
+    echo.send("hello\n");
+    ASSERT_TRUE(echo.waitFor("echo: you typed \"hello\"\r\n")) << echo.output();
+
+    Background greeter(ncCommand(20102));
+    ASSERT_TRUE(greeter.waitFor("greeter: hello from a module\r\n")) << greeter.output();
+}
+
+TEST(HostRun, NamesBeyondMaxModulesAreSkippedWithAWarning) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "first", "noarch", "exec sleep 1000"),
+                    writeModule(sources(), "second", "noarch", "exec sleep 1000")});
+    HostProcess host({"--max-modules", "1", "first", "second"});
+    ASSERT_TRUE(waitRunning(host, {{"first", 20100}})) << describe(host);
+    EXPECT_EQ(host.countLine("[WARNING] NXAModules::configure() number of modules exceeded"), 1) << describe(host);
+    EXPECT_EQ(host.out().find("module second runs"), std::string::npos);
+    EXPECT_FALSE(listening(20101));
+}
+
+TEST(HostRun, PackageDirectoryModulesDirectoryPortAndBusNameComeFromTheOptions) {
+    NXA_REQUIRE_SANDBOX();
+    std::string const packages = scratchDir() + "/packages";
+    ASSERT_EQ(nxatest::shell("mkdir -p " + packages).status, 0);
+    nxatest::ShellResult const packed =
+        runPack(packages + "/nxa.zip", {writeModule(sources(), "answer", "noarch", kAnswering)});
+    ASSERT_EQ(packed.status, 0) << packed.output;
+    // The programs always start from /var/opt/velmora/nxa, so the modules
+    // directory given is that one, written differently.
+    HostProcess host({"--package-dir", packages, "--modules-dir", "/var/opt/velmora/./nxa", "--port", "30000",
+                      "--bus-name", "OtherHost", "answer"});
+    ASSERT_TRUE(waitRunning(host, {{"answer", 30000}})) << describe(host);
+    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: bus name OtherHost")) << describe(host);
+    EXPECT_EQ(host.countLine("[INFO] NXAClient::unpack() " + packages + "/nxa.zip found, continue"), 1)
+        << describe(host);
+    Background nc(ncCommand(30000), true);
+    ASSERT_TRUE(nc.waitFor("ready\r\n")) << nc.output();
+    bool const delivered = nxatest::waitUntil(
+        [&] {
+            publishSystem("OtherHost", "tester", 34, "to the other host\n");
+            return nc.waitFor("to the other host\n", 2s);
+        },
+        kPatience);
+    EXPECT_TRUE(delivered) << nc.output();
+}
+
+TEST(HostRun, DebugLevelOneAddsTheLibrarysDebugLines) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "quiet", "noarch", "exec sleep 1000")});
+    HostProcess host({"--debug", "1", "quiet"});
+    ASSERT_TRUE(waitRunning(host, {{"quiet", 20100}})) << describe(host);
+    EXPECT_EQ(host.countLine("[DEBUG] NXAModules::configure() #modulenames=1"), 1) << describe(host);
+    EXPECT_EQ(host.countLine("[DEBUG] NXAModules::run() OK, no childs running"), 1) << describe(host);
+}
+
+TEST(HostRun, ModuleProgramThatEndsOnItsOwnIsReportedOnce) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "quick", "noarch", "printf 'bye\\n'; exit 3"),
+                    writeModule(sources(), "later", "noarch", "printf 'ready\\n'; read -r line; exit 5")});
+    HostProcess host({"quick", "later"});
+    ASSERT_TRUE(waitRunning(host, {{"quick", 20100}, {"later", 20101}})) << describe(host);
+    std::regex const quickEnded(
+        "\\[WARNING\\] nxahost: module program quick \\(pid [0-9]+\\) has ended: exit status 3\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), quickEnded); }, kPatience))
+        << describe(host);
+
+    Background nc(ncCommand(20101), true);
+    ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
+    nc.send("end now\n");
+    std::regex const laterEnded(
+        "\\[WARNING\\] nxahost: module program later \\(pid [0-9]+\\) has ended: exit status 5\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), laterEnded); }, kPatience))
+        << describe(host);
+    // Another child's end does not repeat the first report.
+    std::string const out = host.out();
+    auto const reports = std::distance(std::sregex_iterator(out.begin(), out.end(), quickEnded), std::sregex_iterator());
+    EXPECT_EQ(reports, 1) << out;
+    // The ended program's last output stays with the module.
+    Background quickClient(ncCommand(20100));
+    EXPECT_TRUE(quickClient.waitFor("bye\n")) << quickClient.output();
+    EXPECT_TRUE(host.running());
+}
+
+}  // namespace
+}  // namespace e2e
