@@ -1,1 +1,268 @@
+// nxahost on bad input: packages that are missing, damaged or wrongly laid
+// out, clients that reset their connection or never read, and no broker at
+// all. Each gives the library's behaviour, one clear line from the host, and
+// writes nothing outside the modules directory and /tmp/nxa.
+#include <csignal>
 #include <gtest/gtest.h>
+#include <regex>
+#include <thread>
+
+#include "clients.h"
+#include "host_process.h"
+#include "packages.h"
+#include "sandbox.h"
+#include "sandbox_processes.h"
+#include "shell.h"
+#include "tree_snapshot.h"
+
+namespace e2e {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string sources() { return scratchDir() + "/src"; }
+std::string staging() { return scratchDir() + "/staging"; }
+
+constexpr char kReady[] = "printf 'ready\\n'; while :; do sleep 1; done";
+constexpr char kConnected[] = "[INFO] NXAModule::Module() connection to VLPBus server established";
+constexpr char kFound[] = "[INFO] NXAClient::unpack() /var/opt/velmora/nxa.zip found, continue";
+
+class HostBadInput : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(nxatest::inSandbox()) << "this test must run inside tests/sandbox/nxa-sandbox";
+        ASSERT_EQ(nxatest::shell("mkdir -p " + staging() + " " + sources()).status, 0);
+        // A module installed by an earlier run.
+        writeModule(kModulesDir, "earlier", "noarch", "exit 0");
+    }
+
+    // Zips the module folder <sources>/<name> (its contents at the top) into
+    // <staging>/<name>.zip.
+    void zipModule(std::string const& name, std::string const& entries) {
+        zipIn(sources() + "/" + name, staging() + "/" + name + ".zip", entries);
+    }
+
+    void startWatching() { before_ = snapshot({"/var/opt/velmora", "/tmp"}, {scratchDir(), "/tmp/.nxa-sandbox"}); }
+
+    std::string writtenOutside() const {
+        return changesOutside(before_, snapshot({"/var/opt/velmora", "/tmp"}, {scratchDir(), "/tmp/.nxa-sandbox"}),
+                              {kModulesDir, kUnpackDir});
+    }
+
+    // Runs the host on `modules` to its end and expects status 1, standard
+    // output after the facade's first line to be exactly `lines`, nothing on
+    // standard error, no process left and nothing written outside.
+    void expectSetupFailure(std::vector<std::string> const& modules, std::vector<std::string> const& lines) {
+        startWatching();
+        HostProcess host(modules);
+        ASSERT_EQ(host.waitExit(), 1) << describe(host);
+        std::vector<std::string> out = host.outLines();
+        ASSERT_FALSE(out.empty()) << describe(host);
+        EXPECT_EQ(out[0].rfind("[INFO] NXAClient::NXAClient() totalram=", 0), 0u) << out[0];
+        out.erase(out.begin());
+        EXPECT_EQ(out, lines) << describe(host);
+        EXPECT_EQ(host.out().back(), '\n');
+        EXPECT_EQ(host.err(), "");
+        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+        EXPECT_EQ(writtenOutside(), "");
+    }
+
+private:
+    Tree before_;
+};
+
+TEST_F(HostBadInput, MissingPackageEndsTheHostAndLeavesTheModulesDirectoryAlone) {
+    expectSetupFailure(
+        {"alpha"},
+        {kConnected, "[ERROR] nxahost: /var/opt/velmora/nxa.zip does not exist: No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"earlier"});
+    EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
+}
+
+TEST_F(HostBadInput, TruncatedPackageEndsTheHostWithTheModulesDirectoryEmptied) {
+    installPackage({writeModule(sources(), "alpha", "noarch", kReady)});
+    std::string const whole = nxatest::readFile(kPackage);
+    nxatest::writeFile(kPackage, whole.substr(0, whole.size() / 2));
+    expectSetupFailure({"alpha"}, {kConnected, kFound,
+                                   "[ERROR] nxahost: cannot unzip /var/opt/velmora/nxa.zip to /tmp/nxa: "
+                                   "No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
+    EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
+}
+
+TEST_F(HostBadInput, PackageThatIsNoZipEndsTheHost) {
+    nxatest::writeFile(kPackage, "this is not a zip archive\n");
+    expectSetupFailure({"alpha"}, {kConnected, kFound,
+                                   "[ERROR] nxahost: cannot unzip /var/opt/velmora/nxa.zip to /tmp/nxa: "
+                                   "No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
+}
+
+TEST_F(HostBadInput, InnerArchiveThatDoesNotUnpackLeavesItsWarningOpenAndItsModuleWithoutManifest) {
+    writeModule(sources(), "alpha", "noarch", kReady);
+    zipModule("alpha", "Manifest alpha");
+    nxatest::writeFile(staging() + "/broken.zip", "this is not a zip archive\n");
+    zipIn(staging(), kPackage, "alpha.zip broken.zip");
+    // The warning has no line end: the host's error line continues it.
+    expectSetupFailure({"alpha", "broken"},
+                       {kConnected, kConnected, kFound,
+                        "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/broken.zip to /var/opt/velmora/nxa/broken"
+                        "[ERROR] nxahost: /var/opt/velmora/nxa/broken/Manifest: No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"alpha"});
+    EXPECT_EQ(listDir(std::string(kModulesDir) + "/alpha"), (std::vector<std::string>{"Manifest", "alpha"}));
+    EXPECT_EQ(listDir(kUnpackDir), (std::vector<std::string>{"alpha.zip", "broken.zip"}));
+}
+
+TEST_F(HostBadInput, InnerArchiveOfAModuleNotNamedOnlyWarnsAndTheOthersRun) {
+    writeModule(sources(), "alpha", "noarch", kReady);
+    zipModule("alpha", "Manifest alpha");
+    nxatest::writeFile(staging() + "/broken.zip", "this is not a zip archive\n");
+    zipIn(staging(), kPackage, "alpha.zip broken.zip");
+    startWatching();
+    HostProcess host({"alpha"});
+    // The open warning line is continued by the host's next line.
+    ASSERT_TRUE(host.waitForLine("[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/broken.zip to "
+                                 "/var/opt/velmora/nxa/broken" +
+                                 runsOnPortLine("alpha", 20100)))
+        << describe(host);
+    Background nc(ncCommand(20100));
+    EXPECT_TRUE(nc.waitFor("ready\n")) << nc.output();
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+    EXPECT_EQ(writtenOutside(), "");
+}
+
+TEST_F(HostBadInput, ZipSlipEntryRefusesItsWholeArchiveAndWritesNothingOutside) {
+    writeModule(sources(), "alpha", "noarch", kReady);
+    zipModule("alpha", "Manifest alpha");
+    writeModule(sources(), "slip", "noarch", kReady);
+    nxatest::writeFile(scratchDir() + "/escaped", "escaped\n");
+    // From <sources>/slip, ../../escaped is the file above; in the modules
+    // directory it would land in /var/opt/velmora.
+    zipModule("slip", "Manifest slip ../../escaped");
+    nxatest::ShellResult const listing = nxatest::shell("unzip -Z1 " + staging() + "/slip.zip");
+    ASSERT_NE(listing.output.find("../../escaped"), std::string::npos) << listing.output;
+    zipIn(staging(), kPackage, "alpha.zip slip.zip");
+    expectSetupFailure({"alpha", "slip"},
+                       {kConnected, kConnected, kFound,
+                        "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/slip.zip to /var/opt/velmora/nxa/slip"
+                        "[ERROR] nxahost: /var/opt/velmora/nxa/slip/Manifest: No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"alpha"});
+    EXPECT_EQ(listDir("/var/opt/velmora"), (std::vector<std::string>{"nxa", "nxa.zip"}));
+}
+
+TEST_F(HostBadInput, ModuleWithoutManifestEndsTheHost) {
+    writeModule(sources(), "alpha", "noarch", kReady);
+    zipModule("alpha", "alpha");
+    zipIn(staging(), kPackage, "alpha.zip");
+    expectSetupFailure({"alpha"}, {kConnected, kFound,
+                                   "[ERROR] nxahost: /var/opt/velmora/nxa/alpha/Manifest: No such file or directory"});
+    EXPECT_EQ(listDir(std::string(kModulesDir) + "/alpha"), std::vector<std::string>{"alpha"});
+}
+
+TEST_F(HostBadInput, PackageWithAFolderInsteadOfArchivesInstallsNothing) {
+    writeModule(sources(), "alpha", "noarch", kReady);
+    zipIn(sources(), kPackage, "alpha");
+    expectSetupFailure({"alpha"}, {kConnected, kFound,
+                                   "[ERROR] nxahost: /var/opt/velmora/nxa/alpha/Manifest: No such file or directory"});
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
+    EXPECT_EQ(listDir(std::string(kUnpackDir) + "/alpha"), (std::vector<std::string>{"Manifest", "alpha"}));
+}
+
+TEST_F(HostBadInput, HupWithThePackageGoneStopsTheModulesAndEndsTheHost) {
+    installPackage({writeModule(sources(), "alpha", "noarch", "printf 'ready\\n'; exec sleep 1000")});
+    HostProcess host({"alpha"});
+    ASSERT_TRUE(waitRunning(host, {{"alpha", 20100}})) << describe(host);
+    Background nc(ncCommand(20100));
+    ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
+    ASSERT_EQ(nxatest::shell(std::string("rm ") + kPackage).status, 0);
+    startWatching();
+    host.signal(SIGHUP);
+    ASSERT_EQ(host.waitExit(), 1) << describe(host);
+    std::vector<std::string> const lines = host.outLines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
+              (std::vector<std::string>{"[INFO] nxahost: reloading", kConnected,
+                                        "[ERROR] nxahost: /var/opt/velmora/nxa.zip does not exist: "
+                                        "No such file or directory"}))
+        << describe(host);
+    EXPECT_EQ(nc.wait(), 0);
+    EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+    EXPECT_EQ(writtenOutside(), "");
+}
+
+TEST_F(HostBadInput, ClientThatResetsItsConnectionIsReportedAndTheHostServesTheOthers) {
+    installPackage({writeModule(sources(), "talker", "noarch",
+                                "i=0; while :; do i=$((i+1)); printf 'tick %d\\n' $i; sleep 0.1; done")});
+    HostProcess host({"talker"});
+    ASSERT_TRUE(waitRunning(host, {{"talker", 20100}})) << describe(host);
+    Background steady(ncCommand(20100));
+    ASSERT_TRUE(steady.waitFor("tick")) << steady.output();
+    {
+        RawClient rude(20100);
+        ASSERT_TRUE(rude.receive(1));
+        rude.reset();
+    }
+    std::regex const reported("\\[ERROR\\] nxahost: cannot read from telnet:[0-9]+: Connection reset by peer\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), reported); }, kPatience))
+        << describe(host);
+    // The others are still served, old and new.
+    std::size_t const seen = steady.output().size();
+    EXPECT_TRUE(nxatest::waitUntil([&] { return steady.output().size() > seen + 20; }, kPatience));
+    Background late(ncCommand(20100));
+    EXPECT_TRUE(late.waitFor("tick")) << late.output();
+    EXPECT_TRUE(host.running());
+    std::string const out = host.out();
+    EXPECT_EQ(std::distance(std::sregex_iterator(out.begin(), out.end(), reported), std::sregex_iterator()), 1) << out;
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+}
+
+TEST_F(HostBadInput, ClientThatNeverReadsDoesNotHoldUpTheOthers) {
+    installPackage({writeModule(sources(), "flood", "noarch", "exec yes 'a line of output that floods the clients'")});
+    HostProcess host({"flood"});
+    ASSERT_TRUE(waitRunning(host, {{"flood", 20100}})) << describe(host);
+    RawClient stuck(20100, 4096);
+    // Its buffers fill up and then stay full.
+    int last = -1;
+    auto stableSince = std::chrono::steady_clock::now();
+    ASSERT_TRUE(nxatest::waitUntil(
+        [&] {
+            int const now = stuck.unread();
+            if (now != last) {
+                last = now;
+                stableSince = std::chrono::steady_clock::now();
+            }
+            return now > 0 && std::chrono::steady_clock::now() - stableSince > 500ms;
+        },
+        kPatience));
+    Background reader(ncCommand(20100));
+    EXPECT_TRUE(nxatest::waitUntil([&] { return reader.output().size() >= 1000000; }, kPatience))
+        << reader.output().size() << " bytes";
+    EXPECT_EQ(stuck.unread(), last);
+    EXPECT_TRUE(host.running());
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+}
+
+TEST_F(HostBadInput, NoBrokerEndsTheHostAfterTenRetries) {
+    nxatest::brokerStop();
+    startWatching();
+    auto const start = std::chrono::steady_clock::now();
+    HostProcess host({"alpha"}, {leakSuppressionsEnv()});
+    ASSERT_EQ(host.waitExit(30s), 1) << describe(host);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 10s);
+    std::vector<std::string> out = host.outLines();
+    ASSERT_FALSE(out.empty());
+    out.erase(out.begin());
+    std::vector<std::string> expected(10, "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...");
+    expected.push_back("[ERROR] nxahost: [ERROR] Connection to VLPBus server failed");
+    EXPECT_EQ(out, expected) << describe(host);
+    EXPECT_EQ(host.err(), "");
+    EXPECT_EQ(strayProcesses(), "");
+    EXPECT_EQ(writtenOutside(), "");
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"earlier"});
+}
+
+}  // namespace
+}  // namespace e2e
