@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -21,6 +23,7 @@
 #include <vlplatform/proc.h>
 
 #include "capture.h"
+#include "counting_new.h"
 #include "interpose.h"
 #include "module_harness.h"
 #include "sandbox.h"
@@ -54,6 +57,9 @@ std::atomic<int> forkErrno{0};
 std::atomic<int> forkCalls{0};
 std::mutex stopsMutex;
 std::vector<pid_t> stops;
+// Calls of read() and write() on `countFd`, and allocations, while counting.
+std::atomic<int> countFd{-1};
+std::atomic<int> countedCalls{0};
 
 std::vector<int> recordedCloses() {
     std::lock_guard<std::mutex> lock(closesMutex);
@@ -69,6 +75,7 @@ std::vector<pid_t> recordedStops() {
 
 extern "C" ssize_t read(int fd, void* buf, size_t count) {
     static auto next = nxamodtest::nextDefinition<ssize_t (*)(int, void*, size_t)>("read");
+    if (fd >= 0 && fd == fault::countFd) ++fault::countedCalls;
     if (fd >= 0 && fd == fault::readFd) {
         errno = fault::readErrno;
         return fault::readResult;
@@ -78,6 +85,7 @@ extern "C" ssize_t read(int fd, void* buf, size_t count) {
 
 extern "C" ssize_t write(int fd, void const* buf, size_t count) {
     static auto next = nxamodtest::nextDefinition<ssize_t (*)(int, void const*, size_t)>("write");
+    if (fd >= 0 && fd == fault::countFd) ++fault::countedCalls;
     if (fd >= 0 && fd == fault::writeFd) {
         long limit = fault::writeLimit;
         if (limit > 0) return next(fd, buf, count < static_cast<size_t>(limit) ? count : static_cast<size_t>(limit));
@@ -362,6 +370,54 @@ TEST_F(ModuleFault, WriteOfNothingClosesTheTerminal) {
     EXPECT_EQ(slave(), -1);
     EXPECT_FALSE(isOpen(m));
     EXPECT_EQ(Access::bufConn2Child(*module), "abc");
+}
+
+// A turn in which nothing is ready touches neither the terminal nor the heap.
+TEST_F(ModuleFault, QuietTurnAllocatesNothingAndLeavesTheTerminalAlone) {
+    start("exec sleep 60");
+    FdSet rd, wr;
+    auto turn = [&] {
+        rd.clear();
+        wr.clear();
+        module->addFds(rd, wr);
+        EXPECT_EQ(waitFds(rd, wr, 0), 0);
+        module->handleInput(rd);
+        module->handleOutput(wr);
+    };
+    for (int i = 0; i < 3; ++i) turn();  // the sets and the wait's buffer have grown
+    fault::countFd = master();
+    fault::countedCalls = 0;
+    nxamodtest::allocations = 0;
+    nxamodtest::countAllocations = true;
+    for (int i = 0; i < 10; ++i) turn();
+    nxamodtest::countAllocations = false;
+    fault::countFd = -1;
+    EXPECT_EQ(nxamodtest::allocations, 0);
+    EXPECT_EQ(fault::countedCalls, 0);
+}
+
+// A turn with output makes one read of the terminal and no write to it.
+TEST_F(ModuleFault, TurnWithOutputReadsTheTerminalOnce) {
+    start("read go; echo more; exec sleep 60");
+    Access::bufConn2Child(*module) = "go\n";
+    pollOnce(*module);
+    int m = master();
+    ASSERT_TRUE(nxatest::waitUntil([&] {
+        int waiting = 0;
+        return ::ioctl(m, FIONREAD, &waiting) == 0 && waiting == 5;
+    }));
+    fault::countFd = m;
+    fault::countedCalls = 0;
+    nxamodtest::allocations = 0;
+    nxamodtest::countAllocations = true;
+    pollOnce(*module);
+    nxamodtest::countAllocations = false;
+    fault::countFd = -1;
+    EXPECT_EQ(fault::countedCalls, 1);
+    EXPECT_GT(nxamodtest::allocations, 0);  // the shared chunk: the counter does count
+    std::string log;
+    module->getRunLog(log);
+    EXPECT_EQ(log, "more\n");
 }
 
 // The numbers are closed again on purpose; nothing is opened in between here.

@@ -421,6 +421,20 @@ TEST_F(ModulePump, BusServerThatGoesIsReportedOnce) {
     EXPECT_TRUE(pollUntil(*module, [&] { return peers().size() == 2; }));
 }
 
+TEST_F(ModulePump, FullCycleLeavesNoDescriptorBehind) {
+    int before = nxatest::openDescriptorCount();
+    start("exec cat");
+    {
+        Client client;
+        ASSERT_TRUE(pollUntil(*module, [&] { return peers().size() == 2; }));
+        client.send("x");
+        ASSERT_TRUE(pollUntil(*module, [&] { return client.received() == "x"; }));
+    }
+    ASSERT_TRUE(pollUntil(*module, [&] { return peers().size() == 1; }));  // the client's end of stream
+    module.reset();
+    EXPECT_EQ(nxatest::openDescriptorCount(), before);
+}
+
 // The parent keeps the slave open, so a program that ends is not seen as an
 // end of file: its last output stays, and polling goes on quietly.
 TEST_F(ModulePump, ProgramThatEndsLeavesItsLastOutputAndPollingGoesOnQuietly) {
