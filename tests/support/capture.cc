@@ -29,7 +29,10 @@ Capture::Capture(int fd) : fd_(fd) {
     dup2(file_, fd_);
 }
 
-Capture::~Capture() { release(); }
+Capture::~Capture() {
+    release();
+    ::close(file_);
+}
 
 std::string Capture::text() const {
     flushAll();
