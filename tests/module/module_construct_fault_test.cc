@@ -7,10 +7,13 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+#include <vlplatform/net.h>
 
 #include "capture.h"
 #include "interpose.h"
@@ -27,6 +30,8 @@ namespace {
 std::atomic<int> failSocket{0};      // errno for the next TCP socket()
 std::atomic<int> failReuseAddr{0};   // errno for the next SO_REUSEADDR
 std::atomic<int> failPtyPair{0};     // errno for the next openPtyPair()
+std::atomic<bool> bindThrowsOther{false};  // the next bindSocket() throws a non-IOException
+std::atomic<int> failListen{0};      // errno for the next listenConnection()
 
 }  // namespace
 
@@ -62,9 +67,26 @@ int openPtyPair(int& master, int& slave, int flags) {
     return next(master, slave, flags);
 }
 
+void bindSocket(int fd, sockaddr_in const& addr, socklen_t len) {
+    static auto next =
+        nxamodtest::nextDefinition<void (*)(int, sockaddr_in const&, socklen_t)>("_Z10bindSocketiRK11sockaddr_inj");
+    if (bindThrowsOther.exchange(false)) throw std::runtime_error("not an IOException");
+    next(fd, addr, len);
+}
+
+void listenConnection(int fd, int backlog) {
+    static auto next = nxamodtest::nextDefinition<void (*)(int, int)>("_Z16listenConnectionii");
+    if (int err = failListen.exchange(0)) {
+        errno = err;
+        throw IOException(err, "cannot listen on socket");
+    }
+    next(fd, backlog);
+}
+
 namespace {
 
 constexpr unsigned short kPort = 20100;
+constexpr char kEstablished[] = "[INFO] NXAModule::Module() connection to VLPBus server established\n";
 constexpr char kRetrying[] = "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
 
 int countOf(std::string const& text, std::string const& part) {
@@ -161,6 +183,25 @@ TEST_F(ModuleConstructionFailure, TerminalPairThatCannotBeOpenedThrowsLeavingThe
     EXPECT_EQ(out, "[DEBUG] NXAModule::Module() name=demo\n"
                    "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n");
     NXAClient::debug = 0;
+}
+
+// Bind and listen failures are reported and construction goes on.
+TEST_F(ModuleConstructionFailure, ListenFailureIsReportedWithTheExceptionsTextAlone) {
+    failListen = EADDRINUSE;
+    nxatest::Capture capture;
+    NXAClient::Module module("demo", kPort, proc);
+    EXPECT_EQ(capture.release(), "[ERROR] NXAModule::Module() cannot listen on socket: Address already in use\n" +
+                                     std::string(kEstablished));
+    EXPECT_GE(nxamodtest::Access::serverfd(module), 0);
+}
+
+TEST_F(ModuleConstructionFailure, OtherBindFailureIsReportedAsUnknownException) {
+    bindThrowsOther = true;
+    nxatest::Capture capture;
+    NXAClient::Module module("demo", kPort, proc);
+    EXPECT_EQ(capture.release(), "[ERROR] NXAModule::Module() unknown exception\n" + std::string(kEstablished));
+    EXPECT_GE(nxamodtest::Access::serverfd(module), 0);
+    EXPECT_TRUE(module.getBus()->isConnected());
 }
 
 }  // namespace
