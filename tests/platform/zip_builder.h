@@ -76,6 +76,34 @@ inline std::size_t entryDataOffset(std::string const& bytes, std::string const& 
     return std::string::npos;
 }
 
+// Sets the uncompressed size that both the local and the central header of
+// entry `name` declare to `size`. Returns whether both headers were found.
+inline bool patchDeclaredSize(std::string& bytes, std::string const& name, std::uint32_t size) {
+    auto put32 = [&](std::size_t at) {
+        for (int i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>((size >> (8 * i)) & 0xff);
+    };
+    auto u16 = [&](std::size_t at) {
+        return static_cast<std::size_t>(static_cast<unsigned char>(bytes[at])) |
+               static_cast<std::size_t>(static_cast<unsigned char>(bytes[at + 1])) << 8;
+    };
+    int patched = 0;
+    std::string const local("PK\x03\x04", 4);
+    std::string const central("PK\x01\x02", 4);
+    for (std::size_t at = bytes.find(local); at != std::string::npos; at = bytes.find(local, at + 1)) {
+        if (at + 30 <= bytes.size() && u16(at + 26) == name.size() && bytes.compare(at + 30, name.size(), name) == 0) {
+            put32(at + 22);
+            ++patched;
+        }
+    }
+    for (std::size_t at = bytes.find(central); at != std::string::npos; at = bytes.find(central, at + 1)) {
+        if (at + 46 <= bytes.size() && u16(at + 28) == name.size() && bytes.compare(at + 46, name.size(), name) == 0) {
+            put32(at + 24);
+            ++patched;
+        }
+    }
+    return patched == 2;
+}
+
 // Some bytes that compress a little but not to nothing.
 inline std::string binaryContent(std::size_t size) {
     std::string data;

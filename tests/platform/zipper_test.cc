@@ -473,6 +473,31 @@ TEST_F(ZipperTest, UnzipOfCorruptDataKeepsWhatTheDestinationHeld) {
     EXPECT_EQ(readFile(dest() + "/pkg/a.txt"), "old\n");
 }
 
+// Decompression goes on past the declared size; extraction stops there.
+TEST_F(ZipperTest, UnzipOfAnEntryLongerThanDeclaredFailsAndLeavesNothing) {
+    writeZip(path("in.zip"), {{"pkg/a.txt", "alpha\n"}, {"pkg/data.bin", kBinary}});
+    std::string bytes = readFile(path("in.zip"));
+    ASSERT_TRUE(filestest::patchDeclaredSize(bytes, "pkg/data.bin", 1000));
+    writeFile(path("in.zip"), bytes);
+    nxatest::Capture out(1);
+    zipper::setDebug(1);
+    expectRefused(path("in.zip"), EIO);
+    EXPECT_EQ(out.release(), "[DEBUG] zipper::unZipWithDirs() " + path("in.zip") + " -> " + dest() +
+                                 ": failed: entry \"pkg/data.bin\" is longer than declared\n");
+}
+
+TEST_F(ZipperTest, UnzipOfAnEntryShorterThanDeclaredFailsAndLeavesNothing) {
+    writeZip(path("in.zip"), {{"pkg/a.txt", "alpha\n"}, {"pkg/data.bin", kBinary}});
+    std::string bytes = readFile(path("in.zip"));
+    ASSERT_TRUE(filestest::patchDeclaredSize(bytes, "pkg/data.bin", 200000));
+    writeFile(path("in.zip"), bytes);
+    nxatest::Capture out(1);
+    zipper::setDebug(1);
+    expectRefused(path("in.zip"), EIO);
+    EXPECT_EQ(out.release(), "[DEBUG] zipper::unZipWithDirs() " + path("in.zip") + " -> " + dest() +
+                                 ": failed: entry \"pkg/data.bin\" is shorter than declared\n");
+}
+
 TEST_F(ZipperTest, UnzipOfAFileThatIsNotAnArchiveFailsWithEINVAL) {
     writeFile(path("text.zip"), "this is plain text, not an archive\n");
     expectRefused(path("text.zip"));
