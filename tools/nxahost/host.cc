@@ -99,8 +99,9 @@ void Host::serveModules() {
         client_.handleOutput(wr_);
         failedTurns_ = 0;
     } catch (std::exception const& e) {
-        hostLog(kHostError, e.what());
+        // The last one leaves run() and is reported once, by the caller.
         if (++failedTurns_ >= kMaxFailedTurns) throw;
+        hostLog(kHostError, e.what());
     }
 }
 
