@@ -1,1 +1,97 @@
+// nxahost under injected faults (fault_preload.c, loaded with LD_PRELOAD): a
+// forked copy of the host whose child set-up fails before its program starts,
+// and a module whose terminal cannot be read turn after turn.
+#include <csignal>
 #include <gtest/gtest.h>
+#include <regex>
+#include <thread>
+
+#include "clients.h"
+#include "host_process.h"
+#include "packages.h"
+#include "sandbox.h"
+#include "sandbox_processes.h"
+#include "shell.h"
+
+namespace e2e {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string sources() { return scratchDir() + "/src"; }
+
+long matches(std::string const& text, std::regex const& pattern) {
+    return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), std::sregex_iterator());
+}
+
+TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthers) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "first", "noarch", "printf 'first ready\\n'; exec sleep 1000"),
+                    writeModule(sources(), "second", "noarch", "printf 'second ready\\n'; exec sleep 1000"),
+                    writeModule(sources(), "third", "noarch", "printf 'third ready\\n'; exec sleep 1000")});
+    // The second child forked (the second module's) cannot become a session leader.
+    HostProcess host({"first", "second", "third"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_SETSID=2"});
+    ASSERT_TRUE(waitRunning(host, {{"first", 20100}, {"second", 20101}, {"third", 20102}})) << describe(host);
+
+    // The copy writes its line to its standard output, which is still the
+    // host's, and ends with status 1, which the host reports.
+    std::string const failed = "[ERROR] nxahost: cannot set session leader: Operation not permitted";
+    ASSERT_TRUE(host.waitForLine(failed)) << describe(host);
+    std::regex const ended("\\[WARNING\\] nxahost: module program nxahost \\(pid [0-9]+\\) has ended: exit status 1\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return matches(host.out(), ended) == 1; }, kPatience)) << describe(host);
+
+    // The host goes on serving the others.
+    Background first(ncCommand(20100));
+    Background third(ncCommand(20102));
+    EXPECT_TRUE(first.waitFor("first ready\n")) << first.output();
+    EXPECT_TRUE(third.waitFor("third ready\n")) << third.output();
+
+    // After a while there is still one host, which has said everything once.
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(liveProcessesRunning(hostBinary()), 1) << sandboxProcesses().size() << " processes:\n"
+                                                      << strayProcesses();
+    EXPECT_EQ(host.countLine(failed), 1) << describe(host);
+    EXPECT_EQ(matches(host.out(), ended), 1) << describe(host);
+    for (auto const& [name, port] : std::vector<std::pair<std::string, unsigned>>{
+             {"first", 20100}, {"second", 20101}, {"third", 20102}}) {
+        EXPECT_EQ(host.countLine(runsOnPortLine(name, port)), 1) << describe(host);
+    }
+    EXPECT_EQ(host.countLine("[INFO] nxahost: bus name NXAHost"), 1) << describe(host);
+    {
+        // The copy left the bus connections it shared with the host alone.
+        BusSubscriber viewer("viewer");
+        bool const subscribed = nxatest::waitUntil(
+            [&] {
+                publishSystem("NXAModule_first", "viewer", 4, "71-NXAStartOutput");
+                return viewer.waitFor("first ready\n", 2s);
+            },
+            kPatience);
+        EXPECT_TRUE(subscribed) << viewer.output() << describe(host);
+    }
+    EXPECT_EQ(host.out().find("VLPBus server is gone"), std::string::npos) << describe(host);
+
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+    EXPECT_EQ(host.countLine("[INFO] nxahost: stopping"), 1) << describe(host);
+    // The stop closed the clients' connections.
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(third.wait(), 0);
+    EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+}
+
+TEST(HostFaults, AHundredFailingTurnsInARowEndTheHostEachReportedOnce) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "talker", "noarch", "printf 'something to read\\n'; exec sleep 1000")});
+    HostProcess host({"talker"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_PTY_READ=1"});
+    ASSERT_EQ(host.waitExit(), 1) << describe(host);
+    std::string const failed = "[ERROR] nxahost: cannot read from PTTY: Input/output error";
+    EXPECT_EQ(host.countLine(failed), 100) << describe(host);
+    std::vector<std::string> const lines = host.outLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), failed);
+    EXPECT_EQ(host.err(), "");
+    EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+}
+
+}  // namespace
+}  // namespace e2e
