@@ -97,8 +97,13 @@ unsigned long unzip(std::string const& archive, std::string const& dest, std::st
     if (dest.empty()) throw Failure{ENOENT, "no destination"};
     detail::Archive za = openArchive(archive, password);
     std::vector<detail::PlannedEntry> const entries = detail::planEntries(za.get());
-    if (entries.empty()) return 0;
     Destination destination(dest);
+    if (entries.empty()) {
+        // Nothing to extract, but the destination exists afterwards like after
+        // any successful extraction, so callers can always read it.
+        destination.keep();
+        return 0;
+    }
     {
         Scratch scratch(dest);
         for (detail::PlannedEntry const& entry : entries) detail::extractEntry(za.get(), entry, scratch.path());

@@ -354,10 +354,15 @@ TEST_F(ZipperTest, UnzipWithAWrongPasswordFailsAndWritesNothing) {
     EXPECT_EQ(listTree(root_.path()), before);
 }
 
-TEST_F(ZipperTest, UnzipOfAnArchiveWithoutEntriesSucceedsAndWritesNothing) {
+TEST_F(ZipperTest, UnzipOfAnArchiveWithoutEntriesSucceedsWithAnEmptyDestination) {
     writeFile(path("none.zip"), std::string("PK\x05\x06", 4) + std::string(18, '\0'));
     std::vector<std::string> const before = listTree(root_.path());
     EXPECT_EQ(zipper::unZipWithDirs(path("none.zip"), dest(), ""), 0);
+    struct stat st;
+    ASSERT_EQ(stat(dest().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(rmdir(dest().c_str()), 0);  // empty
+    EXPECT_EQ(rmdir(path("work").c_str()), 0);
     EXPECT_EQ(listTree(root_.path()), before);
 }
 
