@@ -1,14 +1,14 @@
 // NXAClient::Module: construction (socket, terminal pair, bus connection and
 // the module's announcement) and the run-log queries.
-#include <cerrno>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <typeinfo>
 #include <unistd.h>
-
 #include <vlplatform/messages.h>
 #include <vlplatform/net.h>
+
+#include <cerrno>
+#include <typeinfo>
 
 #include "module/module_trace.h"
 #include "nxaclient.h"

@@ -1,14 +1,15 @@
 // NXAClient::Module: starting the module's program as a child on the raw
 // terminal, and stopping it with the module's descriptors.
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <new>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include "module/module_trace.h"
 #include "nxaclient.h"

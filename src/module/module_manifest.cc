@@ -1,9 +1,9 @@
 // NXAClient::Module::scan: whether a module's Manifest allows it on this machine.
+#include <sys/stat.h>
+#include <vlplatform/ini_parser.h>
+
 #include <cerrno>
 #include <ios>
-#include <sys/stat.h>
-
-#include <vlplatform/ini_parser.h>
 
 #include "module/module_trace.h"
 #include "nxaclient.h"
@@ -33,8 +33,8 @@ bool NXAClient::Module::scan(std::string const& dir, std::string const& machinea
         return manifestFits(path, machinearch);
     } catch (std::ios_base::failure const& e) {
         // The one report on standard error, completed by the system's error text.
-        nxa::trace::lineWithError(errno, nxa::trace::kError, kModule, __func__, "cannot parse ", path,
-                                  ": ", e.what());
+        nxa::trace::lineWithError(errno, nxa::trace::kError, kModule, __func__, "cannot parse ", path, ": ",
+                                  e.what());
     } catch (VLException const& e) {
         NXA_ERROR(kModule, "cannot parse ", path, ": ", e);
     } catch (...) {

@@ -2,13 +2,13 @@
 // terminal to the peers (readTerminal -> Peers::push); input from the peers
 // gathers in bufConn2Child (Peers::forward) and goes to the terminal
 // (writeTerminal). The module's own bus connection carries the subscriptions.
-#include <cerrno>
-#include <mutex>
 #include <unistd.h>
-
 #include <vlplatform/log_util.h>
 #include <vlplatform/messages.h>
 #include <vlplatform/net.h>
+
+#include <cerrno>
+#include <mutex>
 
 #include "module/module_trace.h"
 #include "nxaclient.h"
@@ -64,8 +64,7 @@ void NXAClient::Module::readTerminal() {
     unsigned char chunk[kTerminalChunk];
     ssize_t n = ::read(master, chunk, sizeof chunk);
     int err = errno;
-    NXA_MODULE_DETAIL(kHandleInput, "read (", n, ") data from the PTY master=", master,
-                      " to bufChild2Conn");
+    NXA_MODULE_DETAIL(kHandleInput, "read (", n, ") data from the PTY master=", master, " to bufChild2Conn");
     if (n == -1) throw IOException(err, "cannot read from PTTY");  // misspelt on purpose
     if (n > 0) {
         dumpTerminalChunk(chunk, static_cast<std::size_t>(n));

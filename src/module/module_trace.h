@@ -22,9 +22,8 @@ inline constexpr char kHandleOutput[] = "handleOutput";
 
 #define NXA_MODULE_INFO(function, ...) \
     ::nxa::trace::line(std::cout, ::nxa::trace::kInfo, ::nxa::trace::kModule, function, __VA_ARGS__)
-#define NXA_MODULE_WARNING(function, ...)                                                   \
-    ::nxa::trace::line(std::cout, ::nxa::trace::kWarning, ::nxa::trace::kModule, function, \
-                       __VA_ARGS__)
+#define NXA_MODULE_WARNING(function, ...) \
+    ::nxa::trace::line(std::cout, ::nxa::trace::kWarning, ::nxa::trace::kModule, function, __VA_ARGS__)
 #define NXA_MODULE_ERROR(function, ...) \
     ::nxa::trace::line(std::cout, ::nxa::trace::kError, ::nxa::trace::kModule, function, __VA_ARGS__)
 

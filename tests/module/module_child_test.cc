@@ -1,9 +1,5 @@
 // The module's program as a child: how it is started on the raw terminal, what
 // it inherits, what a missing program gives, and how stop() ends it.
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,8 +7,12 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <vlplatform/fs.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 
 #include "capture.h"
 #include "module_harness.h"
@@ -28,7 +28,9 @@ using nxamodtest::writeScript;
 
 constexpr unsigned short kPort = 20100;
 
-bool isOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return fd >= 0 && ::fcntl(fd, F_GETFD) != -1;
+}
 
 std::string startingLine(std::string const& name, pid_t pid) {
     return "[INFO] NXAModule::exec() pid=" + std::to_string(pid) + ": starting module \"" + name +
@@ -142,8 +144,9 @@ TEST_F(ModuleChild, ProgramRunsInItsOwnSessionWithTheTerminalAsStandardDescripto
 // The child closes only its extra copy of the slave: the master, the listening
 // socket and the bus connection stay open in the program.
 TEST_F(ModuleChild, ProgramKeepsTheMasterSocketAndBusButNoExtraSlave) {
-    writeScript("demo",
-                "for f in /proc/$$/fd/*; do echo \"fd ${f##*/} $(readlink $f)\"; done; echo end; exec sleep 60");
+    writeScript(
+        "demo",
+        "for f in /proc/$$/fd/*; do echo \"fd ${f##*/} $(readlink $f)\"; done; echo end; exec sleep 60");
     make();
     std::string log = runUntil("end\n");
     auto target = [&](int fd) {
@@ -162,7 +165,8 @@ TEST_F(ModuleChild, ProgramKeepsTheMasterSocketAndBusButNoExtraSlave) {
     EXPECT_EQ(target(Access::serverfd(*module)).rfind("socket:", 0), 0u) << log;
     EXPECT_EQ(target(module->getBus()->fd()).rfind("socket:", 0), 0u) << log;
     std::size_t copies = 0;
-    for (std::size_t at = log.find(" " + pts + "\n"); at != std::string::npos; at = log.find(" " + pts + "\n", at + 1))
+    for (std::size_t at = log.find(" " + pts + "\n"); at != std::string::npos;
+         at = log.find(" " + pts + "\n", at + 1))
         ++copies;
     EXPECT_EQ(copies, 3u) << "only 0, 1 and 2 are the terminal: " << log;
 }
@@ -174,8 +178,8 @@ TEST_F(ModuleChild, ProgramInheritsTheWorkingDirectoryAndEnvironmentWithItsPathA
     writeScript("demo", "echo \"pwd=$(pwd) mark=$NXA_MODULE_MARK arg0=$0 argc=$#\"; exec sleep 60");
     make();
     std::string log = runUntil("argc=0\n");
-    EXPECT_EQ(log, startingLine("demo", child()) + "pwd=/tmp/nxa-module-cwd mark=42 arg0=" + programPath("demo") +
-                       " argc=0\n");
+    EXPECT_EQ(log, startingLine("demo", child()) +
+                       "pwd=/tmp/nxa-module-cwd mark=42 arg0=" + programPath("demo") + " argc=0\n");
 }
 
 TEST_F(ModuleChild, StopEndsTheChildClosesItsDescriptorsAndLeavesTheBus) {
@@ -183,7 +187,8 @@ TEST_F(ModuleChild, StopEndsTheChildClosesItsDescriptorsAndLeavesTheBus) {
     make();
     runUntil("\n");
     pid_t pid = child();
-    int serverfd = Access::serverfd(*module), master = Access::master(*module), slave = Access::slave(*module);
+    int serverfd = Access::serverfd(*module), master = Access::master(*module),
+        slave = Access::slave(*module);
     module->stop();
     EXPECT_EQ(child(), -1);
     EXPECT_EQ(::kill(pid, 0), -1);
@@ -218,7 +223,8 @@ TEST_F(ModuleChild, StopClosesTheTelnetPeers) {
 
 TEST_F(ModuleChild, StopOnAModuleNeverRunClosesItsThreeDescriptors) {
     make();
-    int serverfd = Access::serverfd(*module), master = Access::master(*module), slave = Access::slave(*module);
+    int serverfd = Access::serverfd(*module), master = Access::master(*module),
+        slave = Access::slave(*module);
     module->stop();
     EXPECT_FALSE(isOpen(serverfd));
     EXPECT_FALSE(isOpen(master));
@@ -251,14 +257,24 @@ TEST_F(ModuleChild, DebugLinesOfRunStopAndDestructorAtLevelOne) {
     nxamodtest::runModule(*module);
     module->stop();
     module.reset();
-    EXPECT_EQ(capture.release(), "[DEBUG] NXAModule::run() pid=" + me + " name=demo\n"
-                                 "[DEBUG] NXAModule::run() pid=" + me + " done\n"
-                                 "[DEBUG] NXAModule::stop() pid=" + me + "\n"
-                                 "[DEBUG] NXAModule::stop() pid=-1 done\n"
-                                 "[DEBUG] NXAModule::~Module() pid=-1 getpid=" + me + "\n"
-                                 "[DEBUG] NXAModule::stop() pid=" + me + "\n"
-                                 "[DEBUG] NXAModule::stop() pid=-1 done\n"
-                                 "[DEBUG] NXAModule::~Module() pid=-1 getpid=" + me + " done\n");
+    EXPECT_EQ(capture.release(), "[DEBUG] NXAModule::run() pid=" + me +
+                                     " name=demo\n"
+                                     "[DEBUG] NXAModule::run() pid=" +
+                                     me +
+                                     " done\n"
+                                     "[DEBUG] NXAModule::stop() pid=" +
+                                     me +
+                                     "\n"
+                                     "[DEBUG] NXAModule::stop() pid=-1 done\n"
+                                     "[DEBUG] NXAModule::~Module() pid=-1 getpid=" +
+                                     me +
+                                     "\n"
+                                     "[DEBUG] NXAModule::stop() pid=" +
+                                     me +
+                                     "\n"
+                                     "[DEBUG] NXAModule::stop() pid=-1 done\n"
+                                     "[DEBUG] NXAModule::~Module() pid=-1 getpid=" +
+                                     me + " done\n");
 }
 
 TEST_F(ModuleChild, DestructorOfARunningModuleShowsTheChildThenStopsIt) {
@@ -270,10 +286,14 @@ TEST_F(ModuleChild, DestructorOfARunningModuleShowsTheChildThenStopsIt) {
     NXAClient::debug = 1;
     nxatest::Capture capture;
     module.reset();
-    EXPECT_EQ(capture.release(), "[DEBUG] NXAModule::~Module() pid=" + std::to_string(pid) + " getpid=" + me + "\n"
-                                 "[DEBUG] NXAModule::stop() pid=" + me + "\n"
-                                 "[DEBUG] NXAModule::stop() pid=-1 done\n"
-                                 "[DEBUG] NXAModule::~Module() pid=-1 getpid=" + me + " done\n");
+    EXPECT_EQ(capture.release(), "[DEBUG] NXAModule::~Module() pid=" + std::to_string(pid) + " getpid=" + me +
+                                     "\n"
+                                     "[DEBUG] NXAModule::stop() pid=" +
+                                     me +
+                                     "\n"
+                                     "[DEBUG] NXAModule::stop() pid=-1 done\n"
+                                     "[DEBUG] NXAModule::~Module() pid=-1 getpid=" +
+                                     me + " done\n");
     EXPECT_EQ(::kill(pid, 0), -1);
 }
 

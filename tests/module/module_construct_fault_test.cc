@@ -1,19 +1,19 @@
 // Module construction that fails: no bus server at all, and the system calls
 // of the socket and the terminal pair. A throwing constructor leaves what it
 // opened so far open (and its bus client allocated): these tests show exactly that.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vlplatform/net.h>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <gtest/gtest.h>
 #include <mutex>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
-
-#include <vlplatform/net.h>
 
 #include "capture.h"
 #include "interpose.h"
@@ -23,15 +23,17 @@
 
 // The bus client of a constructor that gives up on the bus is left allocated
 // on purpose; the suppression file names that allocation and nothing else.
-extern "C" char const* __lsan_default_options() { return "suppressions=" NXA_BUS_CLIENT_LEAK_SUPP; }
+extern "C" char const* __lsan_default_options() {
+    return "suppressions=" NXA_BUS_CLIENT_LEAK_SUPP;
+}
 
 namespace {
 
-std::atomic<int> failSocket{0};      // errno for the next TCP socket()
-std::atomic<int> failReuseAddr{0};   // errno for the next SO_REUSEADDR
-std::atomic<int> failPtyPair{0};     // errno for the next openPtyPair()
+std::atomic<int> failSocket{0};            // errno for the next TCP socket()
+std::atomic<int> failReuseAddr{0};         // errno for the next SO_REUSEADDR
+std::atomic<int> failPtyPair{0};           // errno for the next openPtyPair()
 std::atomic<bool> bindThrowsOther{false};  // the next bindSocket() throws a non-IOException
-std::atomic<int> failListen{0};      // errno for the next listenConnection()
+std::atomic<int> failListen{0};            // errno for the next listenConnection()
 
 }  // namespace
 
@@ -68,8 +70,8 @@ int openPtyPair(int& master, int& slave, int flags) {
 }
 
 void bindSocket(int fd, sockaddr_in const& addr, socklen_t len) {
-    static auto next =
-        nxamodtest::nextDefinition<void (*)(int, sockaddr_in const&, socklen_t)>("_Z10bindSocketiRK11sockaddr_inj");
+    static auto next = nxamodtest::nextDefinition<void (*)(int, sockaddr_in const&, socklen_t)>(
+        "_Z10bindSocketiRK11sockaddr_inj");
     if (bindThrowsOther.exchange(false)) throw std::runtime_error("not an IOException");
     next(fd, addr, len);
 }
@@ -87,7 +89,8 @@ namespace {
 
 constexpr unsigned short kPort = 20100;
 constexpr char kEstablished[] = "[INFO] NXAModule::Module() connection to VLPBus server established\n";
-constexpr char kRetrying[] = "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
+constexpr char kRetrying[] =
+    "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
 
 int countOf(std::string const& text, std::string const& part) {
     int n = 0;
@@ -180,8 +183,9 @@ TEST_F(ModuleConstructionFailure, TerminalPairThatCannotBeOpenedThrowsLeavingThe
     NXAClient::debug = 2;
     std::string out =
         expectThrow<IOException>(std::string("cannot open PTY pair: ") + std::strerror(EAGAIN), 1);
-    EXPECT_EQ(out, "[DEBUG] NXAModule::Module() name=demo\n"
-                   "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n");
+    EXPECT_EQ(out,
+              "[DEBUG] NXAModule::Module() name=demo\n"
+              "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n");
     NXAClient::debug = 0;
 }
 
@@ -190,8 +194,9 @@ TEST_F(ModuleConstructionFailure, ListenFailureIsReportedWithTheExceptionsTextAl
     failListen = EADDRINUSE;
     nxatest::Capture capture;
     NXAClient::Module module("demo", kPort, proc);
-    EXPECT_EQ(capture.release(), "[ERROR] NXAModule::Module() cannot listen on socket: Address already in use\n" +
-                                     std::string(kEstablished));
+    EXPECT_EQ(capture.release(),
+              "[ERROR] NXAModule::Module() cannot listen on socket: Address already in use\n" +
+                  std::string(kEstablished));
     EXPECT_GE(nxamodtest::Access::serverfd(module), 0);
 }
 
@@ -199,7 +204,8 @@ TEST_F(ModuleConstructionFailure, OtherBindFailureIsReportedAsUnknownException) 
     bindThrowsOther = true;
     nxatest::Capture capture;
     NXAClient::Module module("demo", kPort, proc);
-    EXPECT_EQ(capture.release(), "[ERROR] NXAModule::Module() unknown exception\n" + std::string(kEstablished));
+    EXPECT_EQ(capture.release(),
+              "[ERROR] NXAModule::Module() unknown exception\n" + std::string(kEstablished));
     EXPECT_GE(nxamodtest::Access::serverfd(module), 0);
     EXPECT_TRUE(module.getBus()->isConnected());
 }

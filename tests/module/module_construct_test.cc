@@ -1,19 +1,19 @@
 // Module construction: listening socket, raw terminal pair, bus connection with
 // its retries and the module's announcement; the run-log queries.
 #include <arpa/inet.h>
-#include <atomic>
-#include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <termios.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
-
 #include <vlplatform/fd_set.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
 
 #include "capture.h"
 #include "module_harness.h"
@@ -26,9 +26,12 @@ using nxamodtest::Access;
 
 constexpr unsigned short kPort = 20100;
 constexpr char kEstablished[] = "[INFO] NXAModule::Module() connection to VLPBus server established\n";
-constexpr char kRetrying[] = "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
+constexpr char kRetrying[] =
+    "[WARNING] NXAModule::Module() connection to VLPBus server failed, retrying...\n";
 
-bool isOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return fd >= 0 && ::fcntl(fd, F_GETFD) != -1;
+}
 
 int countOf(std::string const& text, std::string const& part) {
     int n = 0;
@@ -134,11 +137,12 @@ TEST_F(ModuleConstruction, TracesItsNameAtLevelOne) {
 TEST_F(ModuleConstruction, TracesAddressAndTerminalAtLevelTwo) {
     NXAClient::debug = 2;
     auto module = make();
-    EXPECT_EQ(trace, "[DEBUG] NXAModule::Module() name=demo\n"
-                     "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n"
-                     "[DEBUG] NXAModule::Module() open PTY pair: master=" +
-                         std::to_string(Access::master(*module)) +
-                         ", slave=" + std::to_string(Access::slave(*module)) + "\n" + kEstablished);
+    EXPECT_EQ(trace,
+              "[DEBUG] NXAModule::Module() name=demo\n"
+              "[DEBUG] NXAModule::Module() serveraddr=0.0.0.0:20100\n"
+              "[DEBUG] NXAModule::Module() open PTY pair: master=" +
+                  std::to_string(Access::master(*module)) +
+                  ", slave=" + std::to_string(Access::slave(*module)) + "\n" + kEstablished);
 }
 
 TEST_F(ModuleConstruction, BusClientIsNamedAfterTheModule) {
@@ -155,7 +159,8 @@ TEST_F(ModuleConstruction, AnnouncesItselfAsRunningToTheBusServer) {
     ASSERT_TRUE(server.waitFor("vlp-state"));
     EXPECT_NE(server.output().find("vlp-sender:NXAModule_demo vlp-type:setstate vlp-id:"), std::string::npos)
         << server.output();
-    EXPECT_NE(server.output().find(" vlp-state:running vlp-value:0 \n"), std::string::npos) << server.output();
+    EXPECT_NE(server.output().find(" vlp-state:running vlp-value:0 \n"), std::string::npos)
+        << server.output();
     EXPECT_EQ(countOf(server.output(), "vlp-state"), 1);
 }
 

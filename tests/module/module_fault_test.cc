@@ -2,6 +2,15 @@
 // platform functions in this binary: the terminal's end of file, read and
 // write errors, partial writes, fork and terminal-setting failures, a child
 // that fails before its program starts, and what stop() closes and stops.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <vlplatform/fd_set.h>
+#include <vlplatform/proc.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -9,18 +18,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <new>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <mutex>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
+#include <new>
 #include <vector>
-
-#include <vlplatform/fd_set.h>
-#include <vlplatform/proc.h>
 
 #include "capture.h"
 #include "counting_new.h"
@@ -88,7 +88,8 @@ extern "C" ssize_t write(int fd, void const* buf, size_t count) {
     if (fd >= 0 && fd == fault::countFd) ++fault::countedCalls;
     if (fd >= 0 && fd == fault::writeFd) {
         long limit = fault::writeLimit;
-        if (limit > 0) return next(fd, buf, count < static_cast<size_t>(limit) ? count : static_cast<size_t>(limit));
+        if (limit > 0)
+            return next(fd, buf, count < static_cast<size_t>(limit) ? count : static_cast<size_t>(limit));
         errno = fault::writeErrno;
         return fault::writeResult;
     }
@@ -187,7 +188,9 @@ using nxamodtest::writeScript;
 constexpr unsigned short kPort = 20100;
 constexpr char kMarker[] = "/tmp/nxa-module-after-run";
 
-bool isOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return fd >= 0 && ::fcntl(fd, F_GETFD) != -1;
+}
 
 // Appends this process's id to the marker file: what a test does once run() is back.
 void markReturn() {
@@ -363,9 +366,10 @@ TEST_F(ModuleFault, WriteOfNothingClosesTheTerminal) {
     std::string trace = capture.release();
     fault::writeFd = -1;
     std::string pid = std::to_string(::getpid());
-    EXPECT_EQ(trace, "[DEBUG] NXAModule::handleOutput() write (3/0) data from bufConn2Child to the PTY master=" +
-                         std::to_string(m) + "\n[DEBUG] NXAModule::handleOutput() pid=" + pid +
-                         "EOF: close master=" + std::to_string(m) + " slave=" + std::to_string(s) + "\n");
+    EXPECT_EQ(trace,
+              "[DEBUG] NXAModule::handleOutput() write (3/0) data from bufConn2Child to the PTY master=" +
+                  std::to_string(m) + "\n[DEBUG] NXAModule::handleOutput() pid=" + pid +
+                  "EOF: close master=" + std::to_string(m) + " slave=" + std::to_string(s) + "\n");
     EXPECT_EQ(master(), -1);
     EXPECT_EQ(slave(), -1);
     EXPECT_FALSE(isOpen(m));
@@ -565,7 +569,8 @@ TEST_F(ModuleChildCopy, ChildThatCannotReplaceItsStandardDescriptorsEndsItsCopyO
 // Written by the child before its standard output becomes the terminal, so it
 // reaches the test's own standard output.
 TEST_F(ModuleFault, ControllingTerminalFailureIsOnlyTracedAndTheProgramRuns) {
-    writeScript("demo", "if (exec 3</dev/tty) 2>/dev/null; then echo ctty=yes; else echo ctty=no; fi; exec sleep 60");
+    writeScript("demo",
+                "if (exec 3</dev/tty) 2>/dev/null; then echo ctty=yes; else echo ctty=no; fi; exec sleep 60");
     make();
     fault::ttyErrno = EPERM;
     NXAClient::debug = 1;
@@ -583,8 +588,7 @@ TEST_F(ModuleFault, ControllingTerminalFailureIsOnlyTracedAndTheProgramRuns) {
     std::sort(lines.begin(), lines.end());
     std::vector<std::string> expected = {
         "[DEBUG] NXAModule::run() cannot set new controlling tty: Operation not permitted, ignored",
-        "[DEBUG] NXAModule::run() pid=" + me + " done",
-        "[DEBUG] NXAModule::run() pid=" + me + " name=demo"};
+        "[DEBUG] NXAModule::run() pid=" + me + " done", "[DEBUG] NXAModule::run() pid=" + me + " name=demo"};
     EXPECT_EQ(lines, expected) << trace;
 }
 

@@ -1,16 +1,16 @@
 #include "module_harness.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <vlplatform/fd_set.h>
 #include <vlplatform/fs.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include "sandbox.h"
 #include "shell.h"
@@ -30,7 +30,9 @@ std::string quoted(std::string const& text) {
     return out + "'";
 }
 
-std::string parentOf(std::string const& path) { return path.substr(0, path.rfind('/')); }
+std::string parentOf(std::string const& path) {
+    return path.substr(0, path.rfind('/'));
+}
 
 // Ends the forked copy of the test process without running anything of the test.
 [[noreturn]] void endChildCopy(char const* what) {
@@ -51,7 +53,9 @@ std::string exeOf(std::string const& pid) {
 
 }  // namespace
 
-std::string programPath(std::string const& name) { return "/var/opt/velmora/nxa/" + name + "/" + name; }
+std::string programPath(std::string const& name) {
+    return "/var/opt/velmora/nxa/" + name + "/" + name;
+}
 
 void writeProgram(std::string const& name, std::string const& content, int mode) {
     std::string path = programPath(name);
@@ -164,7 +168,9 @@ Background::~Background() {
     ::unlink(file_.c_str());
 }
 
-std::string Background::output() const { return nxatest::readFile(file_); }
+std::string Background::output() const {
+    return nxatest::readFile(file_);
+}
 
 int Background::wait(milliseconds timeout) {
     int status = -1;
@@ -176,8 +182,7 @@ int Background::wait(milliseconds timeout) {
 
 void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text) {
     std::string command = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + to) +
-                          " -m " + quoted(text) +
-                          " -D publish user-property vlp-sender " + quoted(sender) +
+                          " -m " + quoted(text) + " -D publish user-property vlp-sender " + quoted(sender) +
                           " -D publish user-property vlp-type system" +
                           " -D publish user-property vlp-kind " + std::to_string(kind) +
                           " -D publish user-property vlp-id 128";

@@ -3,11 +3,12 @@
 // forked child's fate, and command-line bus clients running beside the test.
 #pragma once
 
+#include <sys/types.h>
+#include <sys/wait.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
-#include <sys/types.h>
-#include <sys/wait.h>
 
 #include "nxaclient.h"
 
@@ -88,8 +89,7 @@ private:
 
 // Publishes a system message with mosquitto_pub (MQTT v5) to the bus
 // participant `to`, as `sender`, with kind code `kind` and `text` as payload.
-void publishSystem(std::string const& to, std::string const& sender, int kind,
-                   std::string const& text);
+void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text);
 
 // mosquitto_sub on the topic of bus participant `name`, printing for each
 // message "<user properties> <payload>" on one line. Returns once the

@@ -1,13 +1,13 @@
 // Module::scan and the architecture table: which manifests let a module run here.
-#include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <vlplatform/exceptions.h>
 #include <vlplatform/ini_parser.h>
 #include <vlplatform/log_util.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "capture.h"
 #include "module_harness.h"
@@ -26,7 +26,9 @@ std::string manifest(std::string const& name, std::string const& arch) {
            "\nversion\t\t=\t1.0\nminFWVersion\t=\t0.0\narchitecture\t=\t" + arch + "\n";
 }
 
-std::string manifestPath(std::string const& name) { return std::string(kDir) + "/" + name + "/Manifest"; }
+std::string manifestPath(std::string const& name) {
+    return std::string(kDir) + "/" + name + "/Manifest";
+}
 
 class ModuleManifest : public ::testing::Test {
 protected:
@@ -58,8 +60,7 @@ protected:
 };
 
 TEST_F(ModuleManifest, ArchitectureTableHoldsExactlyI586AndI686) {
-    std::map<std::string, std::set<std::string>> expected = {{"i586", {"i586", "i686"}},
-                                                             {"i686", {"i686"}}};
+    std::map<std::string, std::set<std::string>> expected = {{"i586", {"i586", "i686"}}, {"i686", {"i686"}}};
     EXPECT_EQ(NXAClient::Module::archmap, expected);
 }
 
@@ -143,12 +144,16 @@ TEST_F(ModuleManifest, KeysInOtherCaseAreNotTheKeys) {
 
 TEST_F(ModuleManifest, VersionKeysAndCommentsHaveNoEffect) {
     EXPECT_TRUE(scanWith("# a comment\nname=foo\narchitecture=noarch\n", "i686"));
-    EXPECT_TRUE(scanWith("version = anything at all\nname = foo\nminFWVersion = ?\narchitecture = i586\n", "i686"));
+    EXPECT_TRUE(
+        scanWith("version = anything at all\nname = foo\nminFWVersion = ?\narchitecture = i586\n", "i686"));
     EXPECT_EQ(out, "");
 }
 
 TEST_F(ModuleManifest, BinaryManifestIsAParseError) {
-    std::string binary("\x7f" "ELF\x02\x01\x01\0\0\0\xff\xfe\n\x01\x02", 15);
+    std::string binary(
+        "\x7f"
+        "ELF\x02\x01\x01\0\0\0\xff\xfe\n\x01\x02",
+        15);
     EXPECT_FALSE(scanWith(binary, "i686"));
     EXPECT_EQ(out, "[ERROR] NXAModule::scan() cannot parse " + manifestPath("foo") + ": " +
                        manifestPath("foo") + ":1: missing '='\n");
@@ -208,7 +213,8 @@ TEST_F(ModuleManifest, ManifestThatIsNotAFileStillCountsAsExisting) {
     ASSERT_EQ(::mkfifo(manifestPath("foo").c_str(), 0644), 0);
     nxatest::Capture capture;
     EXPECT_FALSE(module->scan(kDir, "i686"));
-    EXPECT_EQ(capture.release(), "[ERROR] NXAModule::scan() cannot find name in " + manifestPath("foo") + "\n");
+    EXPECT_EQ(capture.release(),
+              "[ERROR] NXAModule::scan() cannot find name in " + manifestPath("foo") + "\n");
 }
 
 TEST_F(ModuleManifest, DebugLineAtLevelOneShowsNameArchitectureAndMachine) {

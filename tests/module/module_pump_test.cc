@@ -2,17 +2,17 @@
 // telnet clients, bus subscribers and the run log; typed input back to the
 // program; subscriptions on the module's own bus connection.
 #include <arpa/inet.h>
-#include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <vlplatform/fd_set.h>
 #include <vlplatform/log_util.h>
 #include <vlplatform/messages.h>
+
+#include <cerrno>
 
 #include "capture.h"
 #include "module_harness.h"
@@ -68,7 +68,8 @@ public:
     std::string const& received() {
         char buf[4096];
         ssize_t n;
-        while ((n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0) received_.append(buf, static_cast<std::size_t>(n));
+        while ((n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0)
+            received_.append(buf, static_cast<std::size_t>(n));
         return received_;
     }
 
@@ -149,8 +150,7 @@ TEST_F(ModulePump, NewConnectionFirstReceivesTheRecentOutputThenTheEcho) {
         return sm;
     }());
     nxamodtest::Background socat("(printf 'ping\\n'; sleep 30) | socat - TCP:127.0.0.1:20100");
-    ASSERT_TRUE(pollUntil(*module, [&] { return socat.output() == "earlier\nping\n"; }))
-        << socat.output();
+    ASSERT_TRUE(pollUntil(*module, [&] { return socat.output() == "earlier\nping\n"; })) << socat.output();
 }
 
 TEST_F(ModulePump, NcClientTalksToTheProgramAsAUserWould) {
@@ -227,7 +227,8 @@ TEST_F(ModulePump, TwoThousandBytesAreReadAs512512512And464InFourTurns) {
     // Each chunk is dumped under its read line: 2000 / 16 lines in all.
     std::vector<std::string> dump = linesWith(trace, "master: ");
     EXPECT_EQ(dump.size(), 125u);
-    EXPECT_EQ(dump.front(), "master: 00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  ABCDEFGHIJKLMNOP");
+    EXPECT_EQ(dump.front(),
+              "master: 00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  ABCDEFGHIJKLMNOP");
 }
 
 TEST_F(ModulePump, NoReadTraceBelowLevelTwo) {
@@ -261,8 +262,10 @@ TEST_F(ModulePump, WaitingInputIsWrittenInOneWriteTracedAtLevelTwo) {
     NXAClient::debug = 0;
     EXPECT_EQ(Access::bufConn2Child(*module), "");
     EXPECT_EQ(linesWith(trace, "[DEBUG] NXAModule::handleOutput()"),
-              (std::vector<std::string>{"[DEBUG] NXAModule::handleOutput() write (14/14) data from bufConn2Child to "
-                                        "the PTY master=" + std::to_string(master)}));
+              (std::vector<std::string>{
+                  "[DEBUG] NXAModule::handleOutput() write (14/14) data from bufConn2Child to "
+                  "the PTY master=" +
+                  std::to_string(master)}));
     std::string log;
     ASSERT_TRUE(pollForRunLog(*module, log, "from-b\n"));
     EXPECT_EQ(log, "from-a from-b\n");
@@ -277,8 +280,9 @@ TEST_F(ModulePump, SubscriberStartsAndStopsOutputWithBusMessages) {
 
     Access::bufConn2Child(*module) = "shown\n";
     ASSERT_TRUE(pollUntil(*module, [&] { return viewer.output().find("shown") != std::string::npos; }));
-    EXPECT_NE(viewer.output().find("vlp-sender:NXAModule_demo vlp-type:system vlp-id:128 vlp-kind:34 shown\n\n"),
-              std::string::npos)
+    EXPECT_NE(
+        viewer.output().find("vlp-sender:NXAModule_demo vlp-type:system vlp-id:128 vlp-kind:34 shown\n\n"),
+        std::string::npos)
         << viewer.output();
 
     publishSystem("NXAModule_demo", "viewer", 4, "72-NXAStopOutput");
@@ -323,8 +327,9 @@ TEST_F(ModulePump, OtherTextsAreIgnored) {
     publishSystem("NXAModule_demo", "viewer", 4, "72-NXAStopOutput");
     ASSERT_TRUE(waitForBusMessage(capture, "cannot erase peer"));
     EXPECT_EQ(peers().size(), 1u);
-    EXPECT_EQ(linesWith(capture.release(), "[WARNING] "),
-              (std::vector<std::string>{"[WARNING] NXAPeer::erase() cannot erase peer viewer: did not exist"}));
+    EXPECT_EQ(
+        linesWith(capture.release(), "[WARNING] "),
+        (std::vector<std::string>{"[WARNING] NXAPeer::erase() cannot erase peer viewer: did not exist"}));
 }
 
 TEST_F(ModulePump, SecondStartFromTheSameSenderOnlyWarns) {
@@ -352,11 +357,11 @@ TEST_F(ModulePump, ReceivedMessagesAreTracedAtLevelOne) {
     }());
     std::string rm = makeString(static_cast<MessageBase const&>(expected));
     std::string sm = makeString(*expected.message());
-    EXPECT_EQ(linesWith(trace, "[DEBUG] NXAModule::"),
-              (std::vector<std::string>{"[DEBUG] NXAModule::handleInput() " + rm,
-                                        "[DEBUG] NXAModule::handleMessage() msg=" + rm,
-                                        "[DEBUG] NXAModule::handleMessage() rm=" + rm,
-                                        "[DEBUG] NXAModule::handleMessage() sm=" + sm}));
+    EXPECT_EQ(
+        linesWith(trace, "[DEBUG] NXAModule::"),
+        (std::vector<std::string>{
+            "[DEBUG] NXAModule::handleInput() " + rm, "[DEBUG] NXAModule::handleMessage() msg=" + rm,
+            "[DEBUG] NXAModule::handleMessage() rm=" + rm, "[DEBUG] NXAModule::handleMessage() sm=" + sm}));
 }
 
 TEST_F(ModulePump, HandleMessageLooksOnlyAtRoutedSystemMessages) {
@@ -373,12 +378,14 @@ TEST_F(ModulePump, HandleMessageLooksOnlyAtRoutedSystemMessages) {
     module->handleMessage(state);
     std::string trace = capture.release();
     EXPECT_EQ(peers().size(), 1u);
-    EXPECT_EQ(trace, "[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(bare)) +
-                         "\n[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(empty)) +
-                         "\n[DEBUG] NXAModule::handleMessage() rm=" + makeString(static_cast<MessageBase const&>(empty)) +
-                         "\n[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(state)) +
-                         "\n[DEBUG] NXAModule::handleMessage() rm=" + makeString(static_cast<MessageBase const&>(state)) +
-                         "\n");
+    EXPECT_EQ(
+        trace,
+        "[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(bare)) +
+            "\n[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(empty)) +
+            "\n[DEBUG] NXAModule::handleMessage() rm=" + makeString(static_cast<MessageBase const&>(empty)) +
+            "\n[DEBUG] NXAModule::handleMessage() msg=" + makeString(static_cast<MessageBase const&>(state)) +
+            "\n[DEBUG] NXAModule::handleMessage() rm=" + makeString(static_cast<MessageBase const&>(state)) +
+            "\n");
 }
 
 TEST_F(ModulePump, SystemMessageTextGoesToThePeersNotToTheProgram) {
