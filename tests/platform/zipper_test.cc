@@ -127,6 +127,34 @@ TEST_F(ZipperTest, RoundTripThroughUnZipWithDirsKeepsTreeContentAndModes) {
     EXPECT_EQ(shell("'" + dest() + "/pkg/bin/exe'").output, "hi\n");
 }
 
+// --- zipFolderContents ---------------------------------------------------
+
+TEST_F(ZipperTest, ContentsZipHoldsWhatIsInsideTheFolder) {
+    makeSample(path("pkg"));
+    ASSERT_EQ(zipper::zipFolderContents(path("pkg"), path("out.zip")), 0);
+    auto listing = shell("unzip -Z1 '" + path("out.zip") + "'");
+    ASSERT_EQ(listing.status, 0) << listing.output;
+    EXPECT_EQ(listing.output, "a.txt\nbin/\nbin/exe\nempty\nemptydir/\nsub/\nsub/deeper/\nsub/deeper/data.bin\n");
+    ASSERT_EQ(zipper::unZipWithDirs(path("out.zip"), dest(), ""), 0);
+    expectSample(dest());
+    EXPECT_EQ(shell("'" + dest() + "/bin/exe'").output, "hi\n");
+}
+
+TEST_F(ZipperTest, ContentsZipOfAnEmptyFolderFailsWithoutAnArchive) {
+    ASSERT_EQ(mkdir(path("none").c_str(), 0755), 0);
+    errno = 0;
+    EXPECT_EQ(zipper::zipFolderContents(path("none"), path("out.zip")), -1);
+    EXPECT_EQ(errno, ENOENT);
+    struct stat st;
+    EXPECT_NE(stat(path("out.zip").c_str(), &st), 0);
+}
+
+TEST_F(ZipperTest, ContentsZipOfAMissingFolderFails) {
+    errno = 0;
+    EXPECT_EQ(zipper::zipFolderContents(path("missing"), path("out.zip")), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
 TEST_F(ZipperTest, RoundTripKeepsModificationTimes) {
     makeSample(path("pkg"));
     ASSERT_EQ(shell("touch -m -d @1600000000 '" + path("pkg/a.txt") + "'").status, 0);
