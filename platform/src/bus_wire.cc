@@ -93,9 +93,8 @@ std::optional<WireMessage> toWire(std::string const& from, MessageBase const& ms
 
 std::unique_ptr<RouterMessage> fromWire(Properties const& properties, std::string payload) {
     std::string const* wireSender = find(properties, "vlp-sender");
-    if (!wireSender)
-        return std::make_unique<RouterMessage>("", payloadFromWire(properties, std::move(payload)));
-    auto sender = decodeName(*wireSender);
+    auto sender = wireSender ? decodeName(*wireSender) : std::string();
+    // A sender that cannot be decoded makes the whole message unusable.
     if (!sender) return std::make_unique<RouterMessage>("", nullptr);
     return std::make_unique<RouterMessage>(std::move(*sender),
                                            payloadFromWire(properties, std::move(payload)));

@@ -132,8 +132,9 @@ bool MqttLink::step(int timeoutMs) {
     int n = poll(&p, 1, timeoutMs);
     if (n < 0) return errno == EINTR;
     if (n == 0) return true;
-    if ((p.revents & POLLOUT) && check(mosquitto_loop_write(handle_.get(), 1)) != MOSQ_ERR_SUCCESS)
+    if ((p.revents & POLLOUT) && check(mosquitto_loop_write(handle_.get(), 1)) != MOSQ_ERR_SUCCESS) {
         return false;
+    }
     if ((p.revents & (POLLIN | POLLHUP | POLLERR)) &&
         check(mosquitto_loop_read(handle_.get(), 1)) != MOSQ_ERR_SUCCESS) {
         return false;
