@@ -1,9 +1,6 @@
 #include "clients.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -12,6 +9,10 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include "shell.h"
 
@@ -73,7 +74,9 @@ void Background::closeInput() {
     input_ = -1;
 }
 
-std::string Background::output() const { return nxatest::readFile(file_); }
+std::string Background::output() const {
+    return nxatest::readFile(file_);
+}
 
 bool Background::waitFor(std::string const& text, milliseconds timeout) const {
     return nxatest::waitUntil([&] { return output().find(text) != std::string::npos; }, timeout);
@@ -87,9 +90,13 @@ int Background::wait(milliseconds timeout) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-std::string ncCommand(unsigned port) { return "exec nc 127.0.0.1 " + std::to_string(port); }
+std::string ncCommand(unsigned port) {
+    return "exec nc 127.0.0.1 " + std::to_string(port);
+}
 
-std::string socatCommand(unsigned port) { return "exec socat - TCP:127.0.0.1:" + std::to_string(port); }
+std::string socatCommand(unsigned port) {
+    return "exec socat - TCP:127.0.0.1:" + std::to_string(port);
+}
 
 bool listening(unsigned port) {
     return nxatest::shell("nc -z 127.0.0.1 " + std::to_string(port)).status == 0;
@@ -140,8 +147,8 @@ int RawClient::unread() const {
 
 void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text) {
     std::string const command = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + to) +
-                                " -m " + quoted(text) + " -D publish user-property vlp-sender " + quoted(sender) +
-                                " -D publish user-property vlp-type system" +
+                                " -m " + quoted(text) + " -D publish user-property vlp-sender " +
+                                quoted(sender) + " -D publish user-property vlp-type system" +
                                 " -D publish user-property vlp-kind " + std::to_string(kind);
     nxatest::ShellResult const r = nxatest::shell(command);
     ASSERT_EQ(r.status, 0) << command << ": " << r.output;

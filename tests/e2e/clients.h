@@ -3,9 +3,10 @@
 // misbehaving TCP clients made by the test itself.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
-#include <sys/types.h>
 
 #include "host_process.h"
 
@@ -77,7 +78,9 @@ class BusSubscriber {
 public:
     explicit BusSubscriber(std::string const& name);
     std::string output() const { return sub_.output(); }
-    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const { return sub_.waitFor(text, timeout); }
+    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const {
+        return sub_.waitFor(text, timeout);
+    }
 
 private:
     Background sub_;

@@ -1,8 +1,9 @@
 // nxahost under injected faults (fault_preload.c, loaded with LD_PRELOAD): a
 // forked copy of the host whose child set-up fails before its program starts,
 // and a module whose terminal cannot be read turn after turn.
-#include <csignal>
 #include <gtest/gtest.h>
+
+#include <csignal>
 #include <regex>
 #include <thread>
 
@@ -18,7 +19,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string sources() { return scratchDir() + "/src"; }
+std::string sources() {
+    return scratchDir() + "/src";
+}
 
 long matches(std::string const& text, std::regex const& pattern) {
     return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), std::sregex_iterator());
@@ -37,8 +40,10 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
     // host's, and ends with status 1, which the host reports.
     std::string const failed = "[ERROR] nxahost: cannot set session leader: Operation not permitted";
     ASSERT_TRUE(host.waitForLine(failed)) << describe(host);
-    std::regex const ended("\\[WARNING\\] nxahost: module program nxahost \\(pid [0-9]+\\) has ended: exit status 1\n");
-    ASSERT_TRUE(nxatest::waitUntil([&] { return matches(host.out(), ended) == 1; }, kPatience)) << describe(host);
+    std::regex const ended(
+        "\\[WARNING\\] nxahost: module program nxahost \\(pid [0-9]+\\) has ended: exit status 1\n");
+    ASSERT_TRUE(nxatest::waitUntil([&] { return matches(host.out(), ended) == 1; }, kPatience))
+        << describe(host);
 
     // The host goes on serving the others.
     Background first(ncCommand(20100));
@@ -49,7 +54,7 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
     // After a while there is still one host, which has said everything once.
     std::this_thread::sleep_for(1s);
     EXPECT_EQ(liveProcessesRunning(hostBinary()), 1) << sandboxProcesses().size() << " processes:\n"
-                                                      << strayProcesses();
+                                                     << strayProcesses();
     EXPECT_EQ(host.countLine(failed), 1) << describe(host);
     EXPECT_EQ(matches(host.out(), ended), 1) << describe(host);
     for (auto const& [name, port] : std::vector<std::pair<std::string, unsigned>>{
@@ -81,7 +86,8 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
 
 TEST(HostFaults, AHundredFailingTurnsInARowEndTheHostEachReportedOnce) {
     NXA_REQUIRE_SANDBOX();
-    installPackage({writeModule(sources(), "talker", "noarch", "printf 'something to read\\n'; exec sleep 1000")});
+    installPackage(
+        {writeModule(sources(), "talker", "noarch", "printf 'something to read\\n'; exec sleep 1000")});
     HostProcess host({"talker"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_PTY_READ=1"});
     ASSERT_EQ(host.waitExit(), 1) << describe(host);
     std::string const failed = "[ERROR] nxahost: cannot read from PTTY: Input/output error";

@@ -28,11 +28,11 @@ TEST(HostOptions, HelpDescribesEveryOptionWithItsDefaultAndExitsZero) {
     std::string const help = host.out();
     EXPECT_EQ(help.rfind("usage: nxahost [OPTION]... MODULE...\n", 0), 0u) << help;
     for (char const* text :
-         {"--package-dir DIR", "(default /var/opt/velmora)", "--modules-dir DIR", "(default /var/opt/velmora/nxa;",
-          "--work-dir DIR", "(default /var/opt/velmora/work)", "--port N", "(default 20100)", "--max-modules N",
-          "(default 16)", "--debug N", "(default 0)", "--bus-name NAME", "(default NXAHost)", "--help",
-          "INT and TERM stop the modules and exit 0", "USR1 prints the run log", "HUP stops",
-          "127.0.0.1:20010"}) {
+         {"--package-dir DIR", "(default /var/opt/velmora)", "--modules-dir DIR",
+          "(default /var/opt/velmora/nxa;", "--work-dir DIR", "(default /var/opt/velmora/work)", "--port N",
+          "(default 20100)", "--max-modules N", "(default 16)", "--debug N", "(default 0)", "--bus-name NAME",
+          "(default NXAHost)", "--help", "INT and TERM stop the modules and exit 0",
+          "USR1 prints the run log", "HUP stops", "127.0.0.1:20010"}) {
         EXPECT_NE(help.find(text), std::string::npos) << "missing: " << text << "\n" << help;
     }
     EXPECT_EQ(host.err(), "");
@@ -70,7 +70,8 @@ TEST(HostOptions, OptionWithoutItsValueIsRefused) {
 TEST(HostOptions, PortOutsideOneTo65535OrNotANumberIsRefused) {
     NXA_REQUIRE_SANDBOX();
     for (std::string const value : {"0", "65536", "abc", "+5", " 5", "20100x", "-1", ""}) {
-        expectRefused({{"--port", value, "clock"}, "--port needs a number from 1 to 65535, not '" + value + "'"});
+        expectRefused(
+            {{"--port", value, "clock"}, "--port needs a number from 1 to 65535, not '" + value + "'"});
     }
 }
 

@@ -1,21 +1,30 @@
 #include "host_process.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
 #include "shell.h"
 
 namespace e2e {
 
-std::string hostBinary() { return NXA_E2E_HOST; }
-std::string packBinary() { return NXA_E2E_PACK; }
-std::string examplesDir() { return NXA_E2E_EXAMPLES; }
-std::string faultLibrary() { return NXA_E2E_FAULT_LIBRARY; }
+std::string hostBinary() {
+    return NXA_E2E_HOST;
+}
+std::string packBinary() {
+    return NXA_E2E_PACK;
+}
+std::string examplesDir() {
+    return NXA_E2E_EXAMPLES;
+}
+std::string faultLibrary() {
+    return NXA_E2E_FAULT_LIBRARY;
+}
 
 std::string faultPreload() {
     // A sanitized host refuses to start unless the sanitizer runtime comes
@@ -25,7 +34,9 @@ std::string faultPreload() {
     return runtime.empty() ? faultLibrary() : runtime + ":" + faultLibrary();
 }
 
-std::string leakSuppressionsEnv() { return std::string("LSAN_OPTIONS=suppressions=") + NXA_E2E_LEAK_SUPPRESSIONS; }
+std::string leakSuppressionsEnv() {
+    return std::string("LSAN_OPTIONS=suppressions=") + NXA_E2E_LEAK_SUPPRESSIONS;
+}
 
 std::string scratchDir() {
     static std::string const dir = [] {
@@ -76,8 +87,12 @@ HostProcess::~HostProcess() {
     }
 }
 
-std::string HostProcess::out() const { return nxatest::readFile(outFile_); }
-std::string HostProcess::err() const { return nxatest::readFile(errFile_); }
+std::string HostProcess::out() const {
+    return nxatest::readFile(outFile_);
+}
+std::string HostProcess::err() const {
+    return nxatest::readFile(errFile_);
+}
 
 std::vector<std::string> HostProcess::outLines() const {
     std::vector<std::string> lines;

@@ -3,9 +3,10 @@
 // and waited for.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
 

@@ -2,6 +2,7 @@
 // ports, what nc, socat and the bus see of them, and the options that change
 // where things are.
 #include <gtest/gtest.h>
+
 #include <regex>
 #include <thread>
 
@@ -16,7 +17,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string sources() { return scratchDir() + "/src"; }
+std::string sources() {
+    return scratchDir() + "/src";
+}
 
 // A program that answers every line it reads with "got <line>".
 constexpr char kAnswering[] =
@@ -34,9 +37,10 @@ std::regex startingLine(std::string const& name) {
 
 TEST(HostRun, OnlyTheNoarchModuleOfThreeRunsOnFirstPortPlusItsIndex) {
     NXA_REQUIRE_SANDBOX();
-    installPackage({writeModule(sources(), "x64", "x86_64", "printf 'x64 runs\\n'; exec sleep 1000"),
-                    writeModule(sources(), "old", "i586", "printf 'old runs\\n'; exec sleep 1000"),
-                    writeModule(sources(), "any", "noarch", "printf 'any runs\\n'; while :; do sleep 1; done")});
+    installPackage(
+        {writeModule(sources(), "x64", "x86_64", "printf 'x64 runs\\n'; exec sleep 1000"),
+         writeModule(sources(), "old", "i586", "printf 'old runs\\n'; exec sleep 1000"),
+         writeModule(sources(), "any", "noarch", "printf 'any runs\\n'; while :; do sleep 1; done")});
     HostProcess host({"--port", "20200", "x64", "old", "any"});
     ASSERT_TRUE(waitRunning(host, {{"any", 20202}})) << describe(host);
 
@@ -93,7 +97,8 @@ TEST(HostRun, BytesZeroCarriageReturnAnd0xFFPassBothWaysThroughSocatAndNc) {
         Background client(command, true);
         ASSERT_TRUE(client.waitFor("ready\n")) << command << ": " << client.output();
         client.send(std::string("\x00\x0d\xff", 3));
-        std::string const expected = "in" + n + ":000dff\nout" + n + ":" + std::string("\x00\x0d\xff", 3) + ":end\n";
+        std::string const expected =
+            "in" + n + ":000dff\nout" + n + ":" + std::string("\x00\x0d\xff", 3) + ":end\n";
         EXPECT_TRUE(client.waitFor(expected)) << command << ": " << client.output();
     }
 }
@@ -193,7 +198,8 @@ TEST(HostRun, NamesBeyondMaxModulesAreSkippedWithAWarning) {
                     writeModule(sources(), "second", "noarch", "exec sleep 1000")});
     HostProcess host({"--max-modules", "1", "first", "second"});
     ASSERT_TRUE(waitRunning(host, {{"first", 20100}})) << describe(host);
-    EXPECT_EQ(host.countLine("[WARNING] NXAModules::configure() number of modules exceeded"), 1) << describe(host);
+    EXPECT_EQ(host.countLine("[WARNING] NXAModules::configure() number of modules exceeded"), 1)
+        << describe(host);
     EXPECT_EQ(host.out().find("module second runs"), std::string::npos);
     EXPECT_FALSE(listening(20101));
 }
@@ -253,7 +259,8 @@ TEST(HostRun, ModuleProgramThatEndsOnItsOwnIsReportedOnce) {
         << describe(host);
     // Another child's end does not repeat the first report.
     std::string const out = host.out();
-    auto const reports = std::distance(std::sregex_iterator(out.begin(), out.end(), quickEnded), std::sregex_iterator());
+    auto const reports =
+        std::distance(std::sregex_iterator(out.begin(), out.end(), quickEnded), std::sregex_iterator());
     EXPECT_EQ(reports, 1) << out;
     // The ended program's last output stays with the module.
     Background quickClient(ncCommand(20100));

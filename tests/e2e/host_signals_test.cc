@@ -1,8 +1,9 @@
 // nxahost's signals: USR1 prints the run log, HUP installs the package again
 // and restarts the modules, INT and TERM stop everything and end the host with
 // status 0, PIPE is ignored by the host but not by the module programs.
-#include <csignal>
 #include <gtest/gtest.h>
+
+#include <csignal>
 #include <regex>
 
 #include "clients.h"
@@ -17,7 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string sources() { return scratchDir() + "/src"; }
+std::string sources() {
+    return scratchDir() + "/src";
+}
 
 // The line a module's clients see first, with the program's process id.
 std::string startingLineSeenBy(Background const& client, std::string const& name) {
@@ -49,9 +52,11 @@ unsigned long long signalMask(pid_t pid, std::string const& field) {
 
 TEST(HostSignals, Usr1PrintsTheGatheredRunLogExactlyAndEmptiesIt) {
     NXA_REQUIRE_SANDBOX();
-    installPackage({writeModule(sources(), "alpha", "noarch",
-                                "printf 'alpha says hi\\r\\n'; while IFS= read -r l; do printf 'got <%s>\\r\\n' \"$l\"; done"),
-                    writeModule(sources(), "beta", "noarch", "printf 'beta ends without a line end'; exec sleep 1000")});
+    installPackage(
+        {writeModule(
+             sources(), "alpha", "noarch",
+             "printf 'alpha says hi\\r\\n'; while IFS= read -r l; do printf 'got <%s>\\r\\n' \"$l\"; done"),
+         writeModule(sources(), "beta", "noarch", "printf 'beta ends without a line end'; exec sleep 1000")});
     HostProcess host({"alpha", "beta"});
     ASSERT_TRUE(waitRunning(host, {{"alpha", 20100}, {"beta", 20101}})) << describe(host);
     Background alpha(ncCommand(20100), true);
@@ -124,7 +129,8 @@ TEST(HostSignals, HupInstallsTheChangedPackageAndRestartsTheModules) {
 // host with `sig` and checks that nothing is left.
 void expectStopLeavesNothing(int sig) {
     std::string const body = "sleep 1000 & printf 'ready\\n'; wait";
-    installPackage({writeModule(sources(), "one", "noarch", body), writeModule(sources(), "two", "noarch", body)});
+    installPackage(
+        {writeModule(sources(), "one", "noarch", body), writeModule(sources(), "two", "noarch", body)});
     HostProcess host({"one", "two"});
     ASSERT_TRUE(waitRunning(host, {{"one", 20100}, {"two", 20101}})) << describe(host);
     auto sleepers = [] {

@@ -69,7 +69,8 @@ TEST_F(Nxapack, ModuleFolderBecomesOneArchiveWithManifestAndProgramAtItsTop) {
     std::string const alpha = writeModule(src_, "alpha", "noarch", "echo alpha");
     PackRun const r = pack(quoted(out_) + " " + quoted(alpha));
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "nxapack: module alpha from " + alpha + "\nnxapack: wrote " + out_ + " with 1 module(s)\n");
+    EXPECT_EQ(r.out,
+              "nxapack: module alpha from " + alpha + "\nnxapack: wrote " + out_ + " with 1 module(s)\n");
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(entries(out_), "alpha.zip\n");
     EXPECT_EQ(innerEntries(out_, "alpha.zip"), "Manifest\nalpha\n");
@@ -116,7 +117,8 @@ TEST_F(Nxapack, ProgramWithoutExecutePermissionIsPackedWithAWarning) {
     ::chmod((alpha + "/alpha").c_str(), 0644);
     PackRun const r = pack(quoted(out_) + " " + quoted(alpha));
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "nxapack: warning: module alpha: the program is not executable; the host will make it so\n");
+    EXPECT_EQ(r.err,
+              "nxapack: warning: module alpha: the program is not executable; the host will make it so\n");
     EXPECT_EQ(entries(out_), "alpha.zip\n");
 }
 
@@ -137,9 +139,10 @@ TEST_F(Nxapack, ManifestNamingAnotherModuleIsRefused) {
     nxatest::writeFile(alpha + "/Manifest", manifestText("beta", "noarch"));
     PackRun const r = pack(quoted(out_) + " " + quoted(alpha));
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err,
-              "nxapack: module alpha: the Manifest names the module \"beta\"; the module (folder or archive) must "
-              "have that name\n");
+    EXPECT_EQ(
+        r.err,
+        "nxapack: module alpha: the Manifest names the module \"beta\"; the module (folder or archive) must "
+        "have that name\n");
     EXPECT_FALSE(exists(out_));
 }
 
@@ -204,7 +207,8 @@ TEST_F(Nxapack, PackageThatCannotBeWrittenIsReported) {
 TEST_F(Nxapack, UsageErrorsExitWithTwoAndHelpWithZero) {
     std::string const alpha = writeModule(src_, "alpha", "noarch", "echo alpha");
     std::string const usage = "usage: nxapack OUT.zip MODULE_DIR_OR_ZIP...\n";
-    for (std::string const& args : {std::string(), quoted(out_), "-x " + quoted(out_) + " " + quoted(alpha)}) {
+    for (std::string const& args :
+         {std::string(), quoted(out_), "-x " + quoted(out_) + " " + quoted(alpha)}) {
         PackRun const r = pack(args);
         EXPECT_EQ(r.status, 2) << args;
         EXPECT_EQ(r.err.rfind(usage, 0), 0u) << args << ": " << r.err;

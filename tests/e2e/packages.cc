@@ -1,9 +1,10 @@
 #include "packages.h"
 
-#include <algorithm>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+#include <algorithm>
 
 namespace e2e {
 
@@ -40,7 +41,8 @@ void installPackage(std::vector<std::string> const& inputs) {
 }
 
 void zipIn(std::string const& dir, std::string const& archive, std::string const& entries) {
-    nxatest::ShellResult const r = nxatest::shell("cd " + quoted(dir) + " && zip -q -r " + quoted(archive) + " " + entries);
+    nxatest::ShellResult const r =
+        nxatest::shell("cd " + quoted(dir) + " && zip -q -r " + quoted(archive) + " " + entries);
     ASSERT_EQ(r.status, 0) << r.output;
 }
 

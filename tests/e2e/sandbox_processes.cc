@@ -1,11 +1,12 @@
 #include "sandbox_processes.h"
 
-#include <cstdlib>
 #include <dirent.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <unistd.h>
 
 #include "shell.h"
 

@@ -2,8 +2,9 @@
 // behind.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+
+#include <string>
 #include <vector>
 
 namespace e2e {
@@ -11,9 +12,9 @@ namespace e2e {
 struct ProcessInfo {
     pid_t pid = 0;
     pid_t ppid = 0;
-    char state = '?';   // R, S, Z, ...
-    std::string comm;   // the kernel's short name
-    std::string exe;    // the running program's path; empty for a zombie
+    char state = '?';          // R, S, Z, ...
+    std::string comm;          // the kernel's short name
+    std::string exe;           // the running program's path; empty for a zombie
     std::string text() const;  // "pid <p> (<comm>) state <s> parent <pp> exe <exe>"
 };
 

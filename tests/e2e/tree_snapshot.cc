@@ -1,15 +1,17 @@
 #include "tree_snapshot.h"
 
-#include <algorithm>
 #include <dirent.h>
 #include <sys/stat.h>
+
+#include <algorithm>
 
 namespace e2e {
 
 namespace {
 
 bool atOrBelow(std::string const& path, std::string const& top) {
-    return path == top || (path.size() > top.size() && path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
+    return path == top ||
+           (path.size() > top.size() && path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
 }
 
 void walk(std::string const& path, dev_t device, std::vector<std::string> const& skipped, Tree& tree) {
@@ -19,8 +21,8 @@ void walk(std::string const& path, dev_t device, std::vector<std::string> const&
         if (atOrBelow(path, skip)) return;
     }
     char type = S_ISDIR(s.st_mode) ? 'd' : S_ISLNK(s.st_mode) ? 'l' : S_ISREG(s.st_mode) ? 'f' : 'o';
-    tree[path] = std::string(1, type) + " size " + std::to_string(S_ISDIR(s.st_mode) ? 0 : s.st_size) + " mtime " +
-                 std::to_string(s.st_mtim.tv_sec) + "." + std::to_string(s.st_mtim.tv_nsec);
+    tree[path] = std::string(1, type) + " size " + std::to_string(S_ISDIR(s.st_mode) ? 0 : s.st_size) +
+                 " mtime " + std::to_string(s.st_mtim.tv_sec) + "." + std::to_string(s.st_mtim.tv_nsec);
     if (!S_ISDIR(s.st_mode)) return;
     DIR* dir = ::opendir(path.c_str());
     if (!dir) return;
@@ -46,7 +48,8 @@ Tree snapshot(std::vector<std::string> const& roots, std::vector<std::string> co
 
 std::string changesOutside(Tree const& before, Tree const& after, std::vector<std::string> const& allowed) {
     auto isAllowed = [&](std::string const& path) {
-        return std::any_of(allowed.begin(), allowed.end(), [&](std::string const& a) { return atOrBelow(path, a); });
+        return std::any_of(allowed.begin(), allowed.end(),
+                           [&](std::string const& a) { return atOrBelow(path, a); });
     };
     std::string changes;
     for (auto const& [path, what] : after) {
