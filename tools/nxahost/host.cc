@@ -75,7 +75,8 @@ void Host::turn() {
     serveModules();
     serveOwnBus();
     keepOwnBusConnected();
-    reactToSignals();
+    // A signal's arrival makes the pipe readable; only then is it worth reading.
+    if (rd_.isSet(signals_.fd())) reactToSignals();
 }
 
 bool Host::waitForEvents() {
