@@ -35,7 +35,7 @@ std::string faultPreload() {
 }
 
 std::string leakSuppressionsEnv() {
-    return std::string("LSAN_OPTIONS=suppressions=") + NXA_E2E_LEAK_SUPPRESSIONS;
+    return std::string("LSAN_OPTIONS=print_suppressions=0:suppressions=") + NXA_E2E_LEAK_SUPPRESSIONS;
 }
 
 std::string scratchDir() {
