@@ -8,17 +8,9 @@
 
 #include "client/trace.h"
 #include "nxaclient.h"
+#include "module/output_messages.h"
 
 using nxa::trace::kModules;
-
-namespace {
-
-constexpr unsigned char kCommandKind = 4;
-constexpr unsigned char kTextKind = 34;
-constexpr char kStartOutput[] = "71-NXAStartOutput";
-constexpr char kStopOutput[] = "72-NXAStopOutput";
-
-}  // namespace
 
 void NXAClient::Modules::run() {
     NXA_DEBUG(kModules, "pid=", getpid());
@@ -63,16 +55,16 @@ bool NXAClient::Modules::handle(RouterMessage const& msg) const {
     auto const* sm = dynamic_cast<SystemMessage const*>(msg.message());
     if (sm == nullptr) return false;
     NXA_DEBUG(kModules, "received ", *sm, " from ", msg.sender());
-    if (sm->kind() == kTextKind) {
+    if (sm->kind() == nxa::kTextKind) {
         handleInput(*sm);
         return true;
     }
-    if (sm->kind() != kCommandKind) return false;
-    if (sm->text() == kStartOutput) {
+    if (sm->kind() != nxa::kCommandKind) return false;
+    if (sm->text() == nxa::kStartOutput) {
         addPeer(msg.sender());
         return true;
     }
-    if (sm->text() == kStopOutput) {
+    if (sm->text() == nxa::kStopOutput) {
         removePeer(msg.sender());
         return true;
     }

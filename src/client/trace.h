@@ -70,27 +70,34 @@ void lineWithError(int err, char const* tag, char const* component, char const* 
 }  // namespace trace
 }  // namespace nxa
 
+// Lines written on behalf of `function`: for the steps of an operation that
+// live in small helpers of their own, whose __func__ would name the helper.
 // INFO, WARNING and ERROR lines are written at every trace level.
-#define NXA_INFO(component, ...) \
-    ::nxa::trace::line(std::cout, ::nxa::trace::kInfo, component, __func__, __VA_ARGS__)
-#define NXA_WARNING(component, ...) \
-    ::nxa::trace::line(std::cout, ::nxa::trace::kWarning, component, __func__, __VA_ARGS__)
-#define NXA_ERROR(component, ...) \
-    ::nxa::trace::line(std::cout, ::nxa::trace::kError, component, __func__, __VA_ARGS__)
+#define NXA_INFO_AS(component, function, ...) \
+    ::nxa::trace::line(std::cout, ::nxa::trace::kInfo, component, function, __VA_ARGS__)
+#define NXA_WARNING_AS(component, function, ...) \
+    ::nxa::trace::line(std::cout, ::nxa::trace::kWarning, component, function, __VA_ARGS__)
+#define NXA_ERROR_AS(component, function, ...) \
+    ::nxa::trace::line(std::cout, ::nxa::trace::kError, component, function, __VA_ARGS__)
 
 // DEBUG lines need a trace level other than 0; the guard is tested before
 // anything else is done, so at level 0 a line costs one integer test.
-#define NXA_DEBUG(component, ...)                                                            \
-    do {                                                                                     \
-        if (NXAClient::debug != 0)                                                           \
-            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, __func__,         \
-                               __VA_ARGS__);                                                 \
+#define NXA_DEBUG_AS(component, function, ...)                                                          \
+    do {                                                                                                \
+        if (NXAClient::debug != 0)                                                                      \
+            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__);      \
     } while (0)
 
 // Detailed DEBUG lines (per-chunk I/O, queue sizes, addresses) need a level above 1.
-#define NXA_DETAIL(component, ...)                                                           \
-    do {                                                                                     \
-        if (NXAClient::debug > 1)                                                            \
-            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, __func__,         \
-                               __VA_ARGS__);                                                 \
+#define NXA_DETAIL_AS(component, function, ...)                                                         \
+    do {                                                                                                \
+        if (NXAClient::debug > 1)                                                                       \
+            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__);      \
     } while (0)
+
+// The same, named after the function that writes the line.
+#define NXA_INFO(component, ...) NXA_INFO_AS(component, __func__, __VA_ARGS__)
+#define NXA_WARNING(component, ...) NXA_WARNING_AS(component, __func__, __VA_ARGS__)
+#define NXA_ERROR(component, ...) NXA_ERROR_AS(component, __func__, __VA_ARGS__)
+#define NXA_DEBUG(component, ...) NXA_DEBUG_AS(component, __func__, __VA_ARGS__)
+#define NXA_DETAIL(component, ...) NXA_DETAIL_AS(component, __func__, __VA_ARGS__)

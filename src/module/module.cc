@@ -74,20 +74,20 @@ void NXAClient::Module::openListeningSocket(unsigned short port) {
 void NXAClient::Module::bindAndListen(unsigned short port) {
     sockaddr_in addr{};
     socklen_t len = setInetAddr(nullptr, port, addr);
-    NXA_MODULE_DETAIL(kConstructor, "serveraddr=", addr);
+    NXA_DETAIL_AS(kModule, kConstructor, "serveraddr=", addr);
     try {
         bindSocket(serverfd, addr, len);
         listenConnection(serverfd, kListenBacklog);
     } catch (IOException const& e) {
-        NXA_MODULE_ERROR(kConstructor, e.what());
+        NXA_ERROR_AS(kModule, kConstructor, e.what());
     } catch (...) {
-        NXA_MODULE_ERROR(kConstructor, "unknown exception");
+        NXA_ERROR_AS(kModule, kConstructor, "unknown exception");
     }
 }
 
 void NXAClient::Module::openTerminal() {
     if (openPtyPair(master, slave, O_RDWR) == -1) throw IOException(errno, "cannot open PTY pair");
-    NXA_MODULE_DETAIL(kConstructor, "open PTY pair: master=", master, ", slave=", slave);
+    NXA_DETAIL_AS(kModule, kConstructor, "open PTY pair: master=", master, ", slave=", slave);
 }
 
 // The client is stored before it is known to connect: when the retries give
@@ -96,13 +96,13 @@ void NXAClient::Module::connectToBus() {
     bus = new VLPBusClient(kBusHost, kBusPort, "NXAModule_" + name);
     bus->setup();
     retryBusConnection();
-    NXA_MODULE_INFO(kConstructor, "connection to VLPBus server established");
+    NXA_INFO_AS(kModule, kConstructor, "connection to VLPBus server established");
 }
 
 // Up to ten more attempts, one second apart, each announced by a WARNING line.
 void NXAClient::Module::retryBusConnection() {
     for (int budget = kBusAttempts; !bus->isConnected();) {
-        NXA_MODULE_WARNING(kConstructor, "connection to VLPBus server failed, retrying...");
+        NXA_WARNING_AS(kModule, kConstructor, "connection to VLPBus server failed, retrying...");
         ::sleep(1);
         bus->connectToServer();
         if (--budget == 0 && !bus->isConnected())

@@ -58,7 +58,7 @@ void NXAClient::Module::makeTerminalRaw() {
 void NXAClient::Module::startChild() {
     if (::setsid() == -1) throw IOException(errno, "cannot set session leader");
     if (::ioctl(slave, TIOCSCTTY, 0) == -1)
-        NXA_MODULE_DEBUG(kRun, "cannot set new controlling tty: ", std::strerror(errno), ", ignored");
+        NXA_DEBUG_AS(kModule, kRun, "cannot set new controlling tty: ", std::strerror(errno), ", ignored");
     for (int stdfd = 0; stdfd <= 2; ++stdfd) {
         if (::dup2(slave, stdfd) == -1)
             throw IOException(errno, "cannot replace stdin/stdout/stderr of NXA child");

@@ -50,16 +50,16 @@ bool NXAClient::Module::manifestFits(std::string const& path, std::string const&
     auto const& values = parser.values();
     auto moduleName = values.find(NXA_KEY_NAME);
     if (moduleName == values.end()) {
-        NXA_MODULE_ERROR(kScan, "cannot find ", NXA_KEY_NAME, " in ", path);
+        NXA_ERROR_AS(kModule, kScan, "cannot find ", NXA_KEY_NAME, " in ", path);
         return false;
     }
     auto arch = values.find(NXA_KEY_ARCH);
     if (arch == values.end()) {
         // Names the manifest, not its path, unlike the line above: the texts are fixed.
-        NXA_MODULE_ERROR(kScan, "cannot find ", NXA_KEY_ARCH, " in manifest");
+        NXA_ERROR_AS(kModule, kScan, "cannot find ", NXA_KEY_ARCH, " in manifest");
         return false;
     }
-    NXA_MODULE_DEBUG(kScan, "name=", moduleName->second, " arch=", arch->second,
+    NXA_DEBUG_AS(kModule, kScan, "name=", moduleName->second, " arch=", arch->second,
                      ", _machinearch=", machinearch);
     return moduleName->second == name && runsOn(arch->second, machinearch);
 }

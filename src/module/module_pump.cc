@@ -12,6 +12,7 @@
 
 #include "module/module_trace.h"
 #include "nxaclient.h"
+#include "module/output_messages.h"
 
 namespace {
 
@@ -21,9 +22,6 @@ using nxa::trace::kModule;
 
 // At most this much of the program's output is read per turn.
 constexpr std::size_t kTerminalChunk = 512;
-constexpr unsigned char kSubscriptionKind = 4;
-constexpr char kStartOutput[] = "71-NXAStartOutput";
-constexpr char kStopOutput[] = "72-NXAStopOutput";
 
 // The bytes just read from the terminal, as a hex dump among the trace lines.
 void dumpTerminalChunk(unsigned char const* bytes, std::size_t length) {
@@ -55,7 +53,7 @@ void NXAClient::Module::handleInput(FdSet const& rd) {
 // One new telnet client per turn.
 void NXAClient::Module::acceptConnection() {
     int fd = acceptClient(serverfd, nullptr, nullptr);
-    NXA_MODULE_DEBUG(kHandleInput, "accepted connection: fd=", fd);
+    NXA_DEBUG_AS(kModule, kHandleInput, "accepted connection: fd=", fd);
     peers.add(fd);
 }
 
@@ -64,7 +62,7 @@ void NXAClient::Module::readTerminal() {
     unsigned char chunk[kTerminalChunk];
     ssize_t n = ::read(master, chunk, sizeof chunk);
     int err = errno;
-    NXA_MODULE_DETAIL(kHandleInput, "read (", n, ") data from the PTY master=", master, " to bufChild2Conn");
+    NXA_DETAIL_AS(kModule, kHandleInput, "read (", n, ") data from the PTY master=", master, " to bufChild2Conn");
     if (n == -1) throw IOException(err, "cannot read from PTTY");  // misspelt on purpose
     if (n > 0) {
         dumpTerminalChunk(chunk, static_cast<std::size_t>(n));
@@ -72,18 +70,18 @@ void NXAClient::Module::readTerminal() {
         return;
     }
     // The child is left to the supervisor, which reaps it.
-    NXA_MODULE_DEBUG(kHandleInput, "pid=", ::getpid(), ": close master=", master, " slave=", slave);
+    NXA_DEBUG_AS(kModule, kHandleInput, "pid=", ::getpid(), ": close master=", master, " slave=", slave);
     closeTerminal();
 }
 
 // Reads the module's own bus connection and acts on every message received.
 void NXAClient::Module::serveBus() {
     if (!bus->read()) {
-        NXA_MODULE_WARNING(kHandleInput, "VLPBus server is gone");
+        NXA_WARNING_AS(kModule, kHandleInput, "VLPBus server is gone");
         return;
     }
     while (std::unique_ptr<MessageBase> msg = bus->getMessage()) {
-        NXA_MODULE_DEBUG(kHandleInput, *msg);
+        NXA_DEBUG_AS(kModule, kHandleInput, *msg);
         handleMessage(*msg);
     }
 }
@@ -97,7 +95,7 @@ void NXAClient::Module::handleOutput(FdSet const& wr) {
 void NXAClient::Module::writeTerminal() {
     ssize_t n = ::write(master, bufConn2Child.data(), bufConn2Child.size());
     int err = errno;
-    NXA_MODULE_DETAIL(kHandleOutput, "write (", bufConn2Child.size(), "/", n,
+    NXA_DETAIL_AS(kModule, kHandleOutput, "write (", bufConn2Child.size(), "/", n,
                       ") data from bufConn2Child to the PTY master=", master);
     if (n == -1) throw IOException(err, "cannot write to PTY master");
     if (n > 0) {
@@ -105,7 +103,7 @@ void NXAClient::Module::writeTerminal() {
         return;
     }
     // The process id runs straight into "EOF": the text is fixed.
-    NXA_MODULE_DETAIL(kHandleOutput, "pid=", ::getpid(), "EOF: close master=", master, " slave=", slave);
+    NXA_DETAIL_AS(kModule, kHandleOutput, "pid=", ::getpid(), "EOF: close master=", master, " slave=", slave);
     closeTerminal();
 }
 
@@ -117,12 +115,12 @@ void NXAClient::Module::handleMessage(MessageBase const& msg) {
     auto const* system = dynamic_cast<SystemMessage const*>(router->message());
     if (system == nullptr) return;
     NXA_DEBUG(kModule, "sm=", *system);
-    if (system->kind() != kSubscriptionKind) return;
-    if (system->text() == kStartOutput) {
+    if (system->kind() != nxa::kCommandKind) return;
+    if (system->text() == nxa::kStartOutput) {
         peers.add(router->sender());
         return;
     }
-    if (system->text() == kStopOutput) peers.erase(router->sender());
+    if (system->text() == nxa::kStopOutput) peers.erase(router->sender());
 }
 
 void NXAClient::Module::handleInput(SystemMessage const& sm) {

@@ -2,12 +2,10 @@
 // the module's own bus connection, one system message per chunk.
 #include <utility>
 
+#include "module/output_messages.h"
 #include "nxaclient.h"
 
 namespace {
-
-// Kind code of a system message carrying text, as the modules' own text messages.
-constexpr unsigned char kTextKind = 0x22;
 
 // The bus client's descriptor, -1 when there is no client or it is not connected.
 int busFd(VLPBusClient const* bus) {
@@ -38,7 +36,7 @@ void NXAClient::PeerVLPBus::write(FdSet const& wr) {
     int fd = busFd(bus);
     if (fd < 0 || !wr.isSet(fd) || queue.empty()) return;
     auto msg = std::make_unique<SystemMessage>();
-    msg->setKind(kTextKind);
+    msg->setKind(nxa::kTextKind);
     msg->setText(queue.front().data->bytes);
     msg->stripNullChar();
     bus->sendTo("NXAModule_" + module.getName(), id, std::move(msg));
