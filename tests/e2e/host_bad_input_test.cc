@@ -5,11 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <regex>
 #include <thread>
 
 #include "clients.h"
 #include "host_process.h"
+#include "line_patterns.h"
 #include "packages.h"
 #include "sandbox.h"
 #include "sandbox_processes.h"
@@ -217,9 +217,8 @@ TEST_F(HostBadInput, ClientThatResetsItsConnectionIsReportedAndTheHostServesTheO
         ASSERT_TRUE(rude.receive(1));
         rude.reset();
     }
-    std::regex const reported(
-        "\\[ERROR\\] nxahost: cannot read from telnet:[0-9]+: Connection reset by peer\n");
-    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), reported); }, kPatience))
+    std::string const reported = "[ERROR] nxahost: cannot read from telnet:#: Connection reset by peer";
+    ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), reported) > 0; }, kPatience))
         << describe(host);
     // The others are still served, old and new.
     std::size_t const seen = steady.output().size();
@@ -227,10 +226,7 @@ TEST_F(HostBadInput, ClientThatResetsItsConnectionIsReportedAndTheHostServesTheO
     Background late(ncCommand(20100));
     EXPECT_TRUE(late.waitFor("tick")) << late.output();
     EXPECT_TRUE(host.running());
-    std::string const out = host.out();
-    EXPECT_EQ(std::distance(std::sregex_iterator(out.begin(), out.end(), reported), std::sregex_iterator()),
-              1)
-        << out;
+    EXPECT_EQ(countMatchingLines(host.out(), reported), 1) << describe(host);
     host.signal(SIGTERM);
     EXPECT_EQ(host.waitExit(), 0) << describe(host);
 }

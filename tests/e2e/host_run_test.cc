@@ -3,11 +3,11 @@
 // where things are.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <thread>
 
 #include "clients.h"
 #include "host_process.h"
+#include "line_patterns.h"
 #include "packages.h"
 #include "sandbox.h"
 #include "sandbox_processes.h"
@@ -29,12 +29,6 @@ constexpr char kAnswering[] =
 // A program that prints "tick <n>" ten times a second.
 constexpr char kTicking[] = "i=0; while :; do i=$((i+1)); printf 'tick %d\\n' $i; sleep 0.1; done";
 
-// The first line a module's clients see: the library's line from the child.
-std::regex startingLine(std::string const& name) {
-    return std::regex("^\\[INFO\\] NXAModule::exec\\(\\) pid=([0-9]+): starting module \"" + name +
-                      "\", childpid=\\1\n");
-}
-
 TEST(HostRun, OnlyTheNoarchModuleOfThreeRunsOnFirstPortPlusItsIndex) {
     NXA_REQUIRE_SANDBOX();
     installPackage(
@@ -50,7 +44,7 @@ TEST(HostRun, OnlyTheNoarchModuleOfThreeRunsOnFirstPortPlusItsIndex) {
     EXPECT_FALSE(listening(20201));
     Background nc(ncCommand(20202), true);
     ASSERT_TRUE(nc.waitFor("any runs\n")) << nc.output();
-    EXPECT_TRUE(std::regex_search(nc.output(), startingLine("any"))) << nc.output();
+    EXPECT_NE(leadingStartingLine(nc.output(), "any"), "") << nc.output();
     // All three were installed; the manifest check dropped two.
     EXPECT_EQ(listDir(kModulesDir), (std::vector<std::string>{"any", "old", "x64"}));
     std::vector<ProcessInfo> const children = childrenOf(host.pid());
@@ -66,10 +60,10 @@ TEST(HostRun, NcSeesTheStartingLineFirstAndReachesTheProgram) {
     ASSERT_TRUE(waitRunning(host, {{"answer", 20100}})) << describe(host);
     Background nc(ncCommand(20100), true);
     ASSERT_TRUE(nc.waitFor("ready\r\n")) << nc.output();
-    std::smatch match;
     std::string const seen = nc.output();
-    ASSERT_TRUE(std::regex_search(seen, match, startingLine("answer"))) << seen;
-    EXPECT_EQ(seen.substr(static_cast<std::size_t>(match.length(0))), "ready\r\n");
+    std::string const starting = leadingStartingLine(seen, "answer");
+    ASSERT_NE(starting, "") << seen;
+    EXPECT_EQ(seen, starting + "ready\r\n");
 
     nc.send("hello module\n");
     ASSERT_TRUE(nc.waitFor("got <hello module>\r\n")) << nc.output();
@@ -188,8 +182,10 @@ TEST(HostRun, TheExamplesPackedWithNxapackRun) {
     ASSERT_TRUE(waitRunning(host, {{"clock", 20100}, {"echo", 20101}, {"greeter", 20102}})) << describe(host);
 
     Background clock(ncCommand(20100));
-    std::regex const timeLine("clock: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\r\n");
-    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(clock.output(), timeLine); }, kPatience))
+    // The pattern's pieces are apart so that no "??-" trigraph forms.
+    std::string const timeLine = std::string("clock: ????") + "-??" + "-??" + " ??:??:??\r";
+    ASSERT_TRUE(
+        nxatest::waitUntil([&] { return countMatchingLines(clock.output(), timeLine) > 0; }, kPatience))
         << clock.output();
 
     Background echo(ncCommand(20101), true);
@@ -254,23 +250,18 @@ TEST(HostRun, ModuleProgramThatEndsOnItsOwnIsReportedOnce) {
                     writeModule(sources(), "later", "noarch", "printf 'ready\\n'; read -r line; exit 5")});
     HostProcess host({"quick", "later"});
     ASSERT_TRUE(waitRunning(host, {{"quick", 20100}, {"later", 20101}})) << describe(host);
-    std::regex const quickEnded(
-        "\\[WARNING\\] nxahost: module program quick \\(pid [0-9]+\\) has ended: exit status 3\n");
-    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), quickEnded); }, kPatience))
+    std::string const quickEnded = "[WARNING] nxahost: module program quick (pid #) has ended: exit status 3";
+    ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), quickEnded) > 0; }, kPatience))
         << describe(host);
 
     Background nc(ncCommand(20101), true);
     ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
     nc.send("end now\n");
-    std::regex const laterEnded(
-        "\\[WARNING\\] nxahost: module program later \\(pid [0-9]+\\) has ended: exit status 5\n");
-    ASSERT_TRUE(nxatest::waitUntil([&] { return std::regex_search(host.out(), laterEnded); }, kPatience))
+    std::string const laterEnded = "[WARNING] nxahost: module program later (pid #) has ended: exit status 5";
+    ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), laterEnded) > 0; }, kPatience))
         << describe(host);
     // Another child's end does not repeat the first report.
-    std::string const out = host.out();
-    auto const reports =
-        std::distance(std::sregex_iterator(out.begin(), out.end(), quickEnded), std::sregex_iterator());
-    EXPECT_EQ(reports, 1) << out;
+    EXPECT_EQ(countMatchingLines(host.out(), quickEnded), 1) << describe(host);
     // The ended program's last output stays with the module.
     Background quickClient(ncCommand(20100));
     EXPECT_TRUE(quickClient.waitFor("bye\n")) << quickClient.output();

@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <regex>
 
 #include "clients.h"
 #include "host_process.h"
+#include "line_patterns.h"
 #include "packages.h"
 #include "sandbox.h"
 #include "sandbox_processes.h"
@@ -24,11 +24,7 @@ std::string sources() {
 
 // The line a module's clients see first, with the program's process id.
 std::string startingLineSeenBy(Background const& client, std::string const& name) {
-    std::regex const line("\\[INFO\\] NXAModule::exec\\(\\) pid=([0-9]+): starting module \"" + name +
-                          "\", childpid=\\1\n");
-    std::smatch match;
-    std::string const seen = client.output();
-    return std::regex_search(seen, match, line) ? match.str(0) : std::string();
+    return leadingStartingLine(client.output(), name);
 }
 
 // Standard output of the host from the last line starting with `first` on.
@@ -104,7 +100,7 @@ TEST(HostSignals, HupInstallsTheChangedPackageAndRestartsTheModules) {
     Background before(ncCommand(20100));
     ASSERT_TRUE(before.waitFor("alpha version 1\n")) << before.output();
     std::string const oldStart = startingLineSeenBy(before, "alpha");
-    pid_t const oldProgram = std::atoi(oldStart.c_str() + oldStart.find("pid=") + 4);
+    pid_t const oldProgram = pidOfStartingLine(oldStart);
     ASSERT_TRUE(alive(oldProgram));
 
     installPackage({writeModule(sources(), "alpha", "noarch", "printf 'alpha version 2\\n'; exec sleep 1000"),
