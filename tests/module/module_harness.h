@@ -11,17 +11,7 @@
 #include <string>
 
 #include "nxaclient.h"
-
-// The private state of a Module, for assertions.
-struct NXATestAccess {
-    using Module = NXAClient::Module;
-    static pid_t childpid(Module const& m) { return m.childpid; }
-    static int serverfd(Module const& m) { return m.serverfd; }
-    static int master(Module const& m) { return m.master; }
-    static int slave(Module const& m) { return m.slave; }
-    static std::string& bufConn2Child(Module& m) { return m.bufConn2Child; }
-    static NXAClient::Peers& peers(Module& m) { return m.peers; }
-};
+#include "nxa_test_access.h"
 
 namespace nxamodtest {
 

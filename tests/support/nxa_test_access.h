@@ -26,6 +26,18 @@ struct NXATestAccess {
     // The telnet peer's socket, -1 once closed.
     static int fd(NXAClient::PeerTelnet const& peer) { return peer.fd; }
 
+    // ---- Module ------------------------------------------------------------
+
+    // The module's child, -1 when none.
+    static pid_t childpid(NXAClient::Module const& module) { return module.childpid; }
+    // The module's listening socket.
+    static int serverfd(NXAClient::Module const& module) { return module.serverfd; }
+    // The two sides of the module's terminal, -1 once closed.
+    static int master(NXAClient::Module const& module) { return module.master; }
+    static int slave(NXAClient::Module const& module) { return module.slave; }
+    // Input waiting to be written to the module's terminal.
+    static std::string& bufConn2Child(NXAClient::Module& module) { return module.bufConn2Child; }
+
     // ---- Module: the fields the peers use ----------------------------------
 
     // The module's peer set.
@@ -41,8 +53,4 @@ struct NXATestAccess {
     }
     // The registry's process object.
     static Proc& proc(NXAClient::Modules& modules) { return modules.proc; }
-    // The module's listening socket.
-    static int serverfd(NXAClient::Module const& module) { return module.serverfd; }
-    // The module's child, -1 when none.
-    static pid_t childpid(NXAClient::Module const& module) { return module.childpid; }
 };
