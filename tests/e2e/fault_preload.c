@@ -5,6 +5,7 @@
  *                             forked by the process (counting from 1); every
  *                             other call, and every call in the process
  *                             itself, goes to the C library.
+ *   NXA_E2E_FAIL_FORK=<k>     the k-th fork() of the process fails with EAGAIN.
  *   NXA_E2E_FAIL_PTY_READ=1   read() on a pseudo-terminal master (/dev/ptmx)
  *                             fails with EIO.
  *
@@ -20,6 +21,7 @@
 #include <unistd.h>
 
 static int failSetsidInChild;
+static int failFork;
 static int failPtyRead;
 static int forksSoFar;
 static int ordinalAsChild;
@@ -27,6 +29,8 @@ static int ordinalAsChild;
 __attribute__((constructor)) static void arm(void) {
     char const* setsidChild = getenv("NXA_E2E_FAIL_SETSID");
     char const* ptyRead = getenv("NXA_E2E_FAIL_PTY_READ");
+    char const* forkNumber = getenv("NXA_E2E_FAIL_FORK");
+    failFork = forkNumber ? atoi(forkNumber) : 0;
     failSetsidInChild = setsidChild ? atoi(setsidChild) : 0;
     failPtyRead = ptyRead && strcmp(ptyRead, "1") == 0;
     unsetenv("LD_PRELOAD");
@@ -36,6 +40,11 @@ pid_t fork(void) {
     static pid_t (*realFork)(void);
     if (!realFork) realFork = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
     int const next = forksSoFar + 1;
+    if (next == failFork) {
+        forksSoFar = next;
+        errno = EAGAIN;
+        return -1;
+    }
     pid_t const pid = realFork();
     if (pid == 0) {
         ordinalAsChild = next;

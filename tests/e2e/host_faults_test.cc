@@ -1,6 +1,7 @@
 // nxahost under injected faults (fault_preload.c, loaded with LD_PRELOAD): a
 // forked copy of the host whose child set-up fails before its program starts,
-// and a module whose terminal cannot be read turn after turn.
+// a fork that fails while the modules start, and a module whose terminal cannot
+// be read turn after turn.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -76,6 +77,22 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
     // The stop closed the clients' connections.
     EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(third.wait(), 0);
+    EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+}
+
+TEST(HostFaults, ForkFailingForTheSecondModuleEndsTheHostWithTheFirstModulesProgramStopped) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "first", "noarch", "sleep 1000 & printf 'first ready\\n'; wait"),
+                    writeModule(sources(), "second", "noarch", "printf 'second ready\\n'; exec sleep 1000")});
+    HostProcess host({"first", "second"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_FORK=2"});
+    ASSERT_EQ(host.waitExit(), 1) << describe(host);
+    std::vector<std::string> const lines = host.outLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "[ERROR] nxahost: cannot fork: Resource temporarily unavailable")
+        << describe(host);
+    EXPECT_EQ(host.out().find("runs on port"), std::string::npos) << describe(host);
+    EXPECT_EQ(host.err(), "");
+    // The first module's child had been forked; it went with the host.
     EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
 }
 
