@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "host_log.h"
+#include "module_groups.h"
 #include "module_ports.h"
 
 namespace {
@@ -15,6 +16,8 @@ constexpr int kReconnectMs = 1000;
 // Errors while serving are reported and survived (a client that resets its
 // connection fails one turn); this many failing turns in a row end the host.
 constexpr unsigned kMaxFailedTurns = 100;
+// How long a reload waits for the stopped module programs' groups to go.
+constexpr std::chrono::milliseconds kGroupsGoneLimit{3000};
 
 }  // namespace
 
@@ -146,7 +149,10 @@ void Host::printRunLog() {
 
 void Host::reload() {
     hostLog(kHostInfo, "reloading");
+    std::set<pid_t> const groups = childProcessGroups();
     client_.stop();
+    // The new modules bind the same ports.
+    awaitProcessGroupsGone(groups, kGroupsGoneLimit);
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
