@@ -121,6 +121,25 @@ TEST(HostSignals, HupInstallsTheChangedPackageAndRestartsTheModules) {
     EXPECT_TRUE(host.running());
 }
 
+TEST(HostSignals, HupGetsThePortsBackFromProgramsWithChildrenOfTheirOwn) {
+    NXA_REQUIRE_SANDBOX();
+    // The program's child inherits the module's listening socket and holds it
+    // until it has gone itself.
+    installPackage({writeModule(sources(), "parent", "noarch", "sleep 1000 & printf 'ready\\n'; wait")});
+    HostProcess host({"parent"});
+    ASSERT_TRUE(waitRunning(host, {{"parent", 20100}})) << describe(host);
+    for (int round = 2; round <= 4; ++round) {
+        Background before(ncCommand(20100));
+        ASSERT_TRUE(before.waitFor("ready\n")) << before.output();
+        host.signal(SIGHUP);
+        ASSERT_TRUE(host.waitForLine(runsOnPortLine("parent", 20100), round)) << describe(host);
+        EXPECT_EQ(before.wait(), 0);
+    }
+    EXPECT_EQ(host.out().find("cannot bind"), std::string::npos) << describe(host);
+    Background after(ncCommand(20100));
+    EXPECT_TRUE(after.waitFor("ready\n")) << after.output();
+}
+
 // Starts two modules whose programs each keep a child of their own, stops the
 // host with `sig` and checks that nothing is left.
 void expectStopLeavesNothing(int sig) {
