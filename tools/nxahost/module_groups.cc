@@ -1,11 +1,12 @@
 #include "module_groups.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <fstream>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 std::set<pid_t> childProcessGroups() {
     std::set<pid_t> groups;

@@ -2,9 +2,10 @@
 // they are gone.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <set>
-#include <sys/types.h>
 
 // The process groups led by this process's children: each module program
 // leads a session and a process group of its own, whose id is its process id.
