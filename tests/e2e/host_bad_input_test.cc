@@ -258,6 +258,39 @@ TEST_F(HostBadInput, ClientThatNeverReadsDoesNotHoldUpTheOthers) {
     EXPECT_EQ(host.waitExit(), 0) << describe(host);
 }
 
+TEST_F(HostBadInput, BrokerLostWhileServingIsReportedAndTheHostsOwnConnectionComesBack) {
+    installPackage(
+        {writeModule(sources(), "answer", "noarch",
+                     "printf 'ready\\n'; while IFS= read -r l; do printf 'got <%s>\\n' \"$l\"; done")});
+    HostProcess host({"answer"});
+    ASSERT_TRUE(waitRunning(host, {{"answer", 20100}})) << describe(host);
+    Background nc(ncCommand(20100), true);
+    ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
+
+    nxatest::brokerStop();
+    ASSERT_TRUE(host.waitForLine("[WARNING] nxahost: the bus broker has gone; reconnecting"))
+        << describe(host);
+    ASSERT_TRUE(host.waitForLine("[WARNING] NXAModule::handleInput() VLPBus server is gone"))
+        << describe(host);
+    // TCP clients are served as before.
+    nc.send("still there?\n");
+    EXPECT_TRUE(nc.waitFor("got <still there?>\n")) << nc.output();
+
+    nxatest::brokerStart();
+    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: bus connection established as NXAHost")) << describe(host);
+    bool const delivered = nxatest::waitUntil(
+        [&] {
+            publishSystem("NXAHost", "tester", 34, "back again\n");
+            return nc.waitFor("back again\n", 2s);
+        },
+        kPatience);
+    EXPECT_TRUE(delivered) << nc.output() << describe(host);
+    EXPECT_EQ(host.countLine("[WARNING] NXAModule::handleInput() VLPBus server is gone"), 1)
+        << describe(host);
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+}
+
 TEST_F(HostBadInput, NoBrokerEndsTheHostAfterTenRetries) {
     nxatest::brokerStop();
     startWatching();
