@@ -5,6 +5,8 @@
  *                             forked by the process (counting from 1); every
  *                             other call, and every call in the process
  *                             itself, goes to the C library.
+ *   NXA_E2E_FAIL_DUP2_STDERR=<k>  dup2() onto descriptor 2 fails with EBUSY in
+ *                             the k-th child forked by the process.
  *   NXA_E2E_FAIL_FORK=<k>     the k-th fork() of the process fails with EAGAIN.
  *   NXA_E2E_FAIL_PTY_READ=1   read() on a pseudo-terminal master (/dev/ptmx)
  *                             fails with EIO.
@@ -22,6 +24,7 @@
 
 static int failSetsidInChild;
 static int failFork;
+static int failDup2StderrInChild;
 static int failPtyRead;
 static int forksSoFar;
 static int ordinalAsChild;
@@ -31,6 +34,8 @@ __attribute__((constructor)) static void arm(void) {
     char const* ptyRead = getenv("NXA_E2E_FAIL_PTY_READ");
     char const* forkNumber = getenv("NXA_E2E_FAIL_FORK");
     failFork = forkNumber ? atoi(forkNumber) : 0;
+    char const* dup2Child = getenv("NXA_E2E_FAIL_DUP2_STDERR");
+    failDup2StderrInChild = dup2Child ? atoi(dup2Child) : 0;
     failSetsidInChild = setsidChild ? atoi(setsidChild) : 0;
     failPtyRead = ptyRead && strcmp(ptyRead, "1") == 0;
     unsetenv("LD_PRELOAD");
@@ -62,6 +67,16 @@ pid_t setsid(void) {
         return -1;
     }
     return realSetsid();
+}
+
+int dup2(int oldFd, int newFd) {
+    static int (*realDup2)(int, int);
+    if (!realDup2) realDup2 = (int (*)(int, int))dlsym(RTLD_NEXT, "dup2");
+    if (newFd == 2 && failDup2StderrInChild > 0 && ordinalAsChild == failDup2StderrInChild) {
+        errno = EBUSY;
+        return -1;
+    }
+    return realDup2(oldFd, newFd);
 }
 
 static int isPtyMaster(int fd) {

@@ -80,6 +80,33 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
     EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
 }
 
+TEST(HostFaults, ForkedCopyFailingAfterItsOutputWentToTheTerminalWritesItsLineThere) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage({writeModule(sources(), "first", "noarch", "printf 'first ready\\n'; exec sleep 1000"),
+                    writeModule(sources(), "second", "noarch", "printf 'second ready\\n'; exec sleep 1000")});
+    // In the first module's child, standard output already is the terminal
+    // when standard error cannot be replaced.
+    HostProcess host({"first", "second"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_DUP2_STDERR=1"});
+    ASSERT_TRUE(waitRunning(host, {{"first", 20100}, {"second", 20101}})) << describe(host);
+    std::string const failed =
+        "[ERROR] nxahost: cannot replace stdin/stdout/stderr of NXA child: Device or resource busy\n";
+    Background first(ncCommand(20100));
+    ASSERT_TRUE(first.waitFor(failed)) << first.output();
+    EXPECT_EQ(first.output(), failed);
+    std::string const ended = "[WARNING] nxahost: module program nxahost (pid #) has ended: exit status 1";
+    ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), ended) == 1; }, kPatience))
+        << describe(host);
+    Background second(ncCommand(20101));
+    EXPECT_TRUE(second.waitFor("second ready\n")) << second.output();
+
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(liveProcessesRunning(hostBinary()), 1) << strayProcesses();
+    EXPECT_EQ(host.out().find("cannot replace"), std::string::npos) << describe(host);
+    EXPECT_EQ(countMatchingLines(host.out(), ended), 1) << describe(host);
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+}
+
 TEST(HostFaults, ForkFailingForTheSecondModuleEndsTheHostWithTheFirstModulesProgramStopped) {
     NXA_REQUIRE_SANDBOX();
     installPackage({writeModule(sources(), "first", "noarch", "sleep 1000 & printf 'first ready\\n'; wait"),
