@@ -68,6 +68,12 @@ void Host::reportModules() {
         runningModulePorts(options_.modules, options_.maxModules, options_.port, client_.getModulesInstalled());
     if (running.empty()) hostLog(kHostWarning, "no module is running");
     for (ModulePort const& m : running) {
+        if (m.port == 0) {
+            // Port numbers wrap after 65535, and binding port 0 takes any free port.
+            hostLog(kHostWarning, "module ", m.name,
+                    " runs on a port the system chose: the port numbers wrapped past 65535");
+            continue;
+        }
         hostLog(kHostInfo, "module ", m.name, " runs on port ", m.port, " (attach: nc 127.0.0.1 ", m.port, ")");
     }
     if (bus_.isConnected()) hostLog(kHostInfo, "bus name ", options_.busName);
