@@ -3,6 +3,7 @@
 // where things are.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <thread>
 
 #include "clients.h"
@@ -207,6 +208,37 @@ TEST(HostRun, NamesBeyondMaxModulesAreSkippedWithAWarning) {
         << describe(host);
     EXPECT_EQ(host.out().find("module second runs"), std::string::npos);
     EXPECT_FALSE(listening(20101));
+}
+
+TEST(HostRun, PortNumbersWrapPast65535ToAPortTheSystemChooses) {
+    NXA_REQUIRE_SANDBOX();
+    installPackage(
+        {writeModule(sources(), "last", "noarch", "printf 'last ready\\n'; exec sleep 1000"),
+         writeModule(sources(), "wrapped", "noarch", "printf 'wrapped ready\\n'; exec sleep 1000")});
+    HostProcess host({"--port", "65535", "last", "wrapped"});
+    ASSERT_TRUE(waitRunning(host, {{"last", 65535}})) << describe(host);
+    EXPECT_TRUE(
+        host.waitForLine("[WARNING] nxahost: module wrapped runs on a port the system chose: the port "
+                         "numbers wrapped past 65535"))
+        << describe(host);
+    EXPECT_EQ(host.out().find("port 0"), std::string::npos) << describe(host);
+    Background nc(ncCommand(65535));
+    EXPECT_TRUE(nc.waitFor("last ready\n")) << nc.output();
+}
+
+TEST(HostRun, MaxModulesZeroRunsNothingAndLeavesThePackageAlone) {
+    NXA_REQUIRE_SANDBOX();
+    HostProcess host({"--max-modules", "0", "first", "second"});
+    ASSERT_TRUE(host.waitForLine("[WARNING] nxahost: no module is running")) << describe(host);
+    EXPECT_EQ(host.countLine("[WARNING] NXAModules::configure() number of modules exceeded"), 2)
+        << describe(host);
+    EXPECT_EQ(host.countLine("[INFO] NXAClient::unpack() no modules configured, ignore not existing "
+                             "/var/opt/velmora/nxa.zip"),
+              1)
+        << describe(host);
+    EXPECT_TRUE(host.running());
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
 }
 
 TEST(HostRun, PackageDirectoryModulesDirectoryPortAndBusNameComeFromTheOptions) {
