@@ -114,10 +114,6 @@ bool HostProcess::waitForLine(std::string const& line, int times, milliseconds t
     return nxatest::waitUntil([&] { return countLine(line) >= times; }, timeout);
 }
 
-bool HostProcess::waitForText(std::string const& text, milliseconds timeout) const {
-    return nxatest::waitUntil([&] { return out().find(text) != std::string::npos; }, timeout);
-}
-
 void HostProcess::signal(int sig) const {
     if (pid_ > 0 && status_ < 0) ::kill(pid_, sig);
 }

@@ -32,6 +32,8 @@ std::string leakSuppressionsEnv();
 // A scratch folder of the running test, under /tmp (created on first use).
 std::string scratchDir();
 
+// One run of the host, a child of the test, its standard output and error in
+// files of scratchDir(). It owns the process: the destructor ends it.
 class HostProcess {
 public:
     // Starts `hostBinary()` with `args`, the test's environment plus `env`
@@ -43,6 +45,7 @@ public:
     HostProcess& operator=(HostProcess const&) = delete;
 
     pid_t pid() const { return pid_; }
+    // Everything written to standard output / standard error so far.
     std::string out() const;
     std::string err() const;
     // The complete lines (ended by "\n") written to standard output so far.
@@ -52,13 +55,13 @@ public:
     // Waits until standard output holds `line` as a complete line at least
     // `times` times.
     bool waitForLine(std::string const& line, int times = 1, milliseconds timeout = kPatience) const;
-    // Waits until standard output contains `text` anywhere.
-    bool waitForText(std::string const& text, milliseconds timeout = kPatience) const;
 
+    // Sends `sig` to the host, unless it has ended.
     void signal(int sig) const;
     // Waits for the host to end: its exit status (128 + signal when killed),
     // or -1 when it still runs after `timeout`.
     int waitExit(milliseconds timeout = kPatience);
+    // True while the host has not ended (reaps it when it has).
     bool running() const { return pid_ > 0 && status_ < 0 && !endedNow(); }
 
 private:
