@@ -88,6 +88,21 @@ TEST_F(HostBadInput, MissingPackageEndsTheHostAndLeavesTheModulesDirectoryAlone)
     EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
 }
 
+TEST_F(HostBadInput, ATakenModulePortStopsTheHostBeforeAnyModuleIsMade) {
+    installPackage({writeModule(sources(), "alpha", "noarch", kReady), writeModule(sources(), "beta", "noarch", kReady)});
+    Background listener("nc -l 127.0.0.1 20101");
+    ASSERT_TRUE(nxatest::waitUntil([] { return nxatest::shell("ss -Hltn 'sport = :20101'").output != ""; }, kPatience));
+    startWatching();
+    HostProcess host({"alpha", "beta"});
+    ASSERT_EQ(host.waitExit(), 1) << describe(host);
+    std::vector<std::string> out = host.outLines();
+    ASSERT_EQ(out.size(), 2u) << describe(host);
+    EXPECT_EQ(out[1], "[ERROR] nxahost: port 20101 for module beta is in use: Address already in use");
+    EXPECT_EQ(host.err(), "");
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"earlier"});
+    EXPECT_EQ(writtenOutside(), "");
+}
+
 TEST_F(HostBadInput, TruncatedPackageEndsTheHostWithTheModulesDirectoryEmptied) {
     installPackage({writeModule(sources(), "alpha", "noarch", kReady)});
     std::string const whole = nxatest::readFile(kPackage);

@@ -39,6 +39,7 @@ Host::Host(HostOptions options)
 }
 
 int Host::run() {
+    requireFreePorts(options_.modules, options_.maxModules, options_.port);
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
@@ -159,6 +160,7 @@ void Host::reload() {
     client_.stop();
     // The new modules bind the same ports.
     awaitProcessGroupsGone(groups, kGroupsGoneLimit);
+    requireFreePorts(options_.modules, options_.maxModules, options_.port);
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();

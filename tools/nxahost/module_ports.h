@@ -15,3 +15,11 @@ struct ModulePort {
 // each installed module with its port.
 std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured, unsigned long maxModules,
                                            unsigned short firstPort, std::vector<std::string> const& installed);
+
+// Throws std::runtime_error ("port <p> for module <name> is in use: <system
+// text>") for the first configured module whose port cannot be bound now.
+// A module whose port is taken would be constructed anyway, with an unbound
+// socket that every wait reports ready: the host refuses to start instead.
+// Port 0 (after a wrap) is not checked: the system picks a free one.
+void requireFreePorts(std::vector<std::string> const& configured, unsigned long maxModules,
+                      unsigned short firstPort);
