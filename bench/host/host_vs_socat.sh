@@ -8,7 +8,9 @@
 #     program; socat forks one program per client);
 #   - keystroke round trip: one byte sent to cat, its echo awaited, 10000 times.
 # socat runs twice: with its default buffer and with -b 512, the chunk size the
-# host reads. Prints every figure and the ratios, rep by rep. It measures and
+# host reads. With one client, select_loop (the smallest select loop serving the
+# program 512 bytes a turn, no fan-out) runs too, as the reference for what the
+# terminal and the socket cost by themselves. Prints every figure and the ratios, rep by rep. It measures and
 # reports; it never fails on a figure. It runs inside the test sandbox (its own
 # broker on 127.0.0.1:20010, private /var/opt/velmora), entering it itself.
 set -euo pipefail
@@ -52,6 +54,16 @@ start_host() {
     exit 1
 }
 
+# Starts the reference select loop on `program`; it serves one client.
+start_select_loop() {
+    "$build/bench/host/select_loop" "$socat_port" "$1" &
+    server=$!
+    for _ in $(seq 1000); do
+        grep -q ":$socat_hex 00000000:0000 0A" /proc/net/tcp && return 0
+        sleep 0.01
+    done
+}
+
 stop_server() {
     kill -TERM "$server" 2>/dev/null || true
     wait "$server" 2>/dev/null || true
@@ -87,15 +99,21 @@ throughput_round() {
     start_socat "$work/flood/flood" -b 512
     small_line=$("$drain" "$socat_port" "$clients" "$bytes" each)
     stop_server
-    local h s b
+    local h s b reference=""
     h=$(field MBps <<<"$host_line"); s=$(field MBps <<<"$socat_line"); b=$(field MBps <<<"$small_line")
-    printf 'rep %d, %2d client(s): nxahost %7.1f MB/s (%s/%s complete)  socat %7.1f MB/s  socat -b 512 %7.1f MB/s  ratios %s %s\n' \
+    if [ "$clients" = 1 ]; then
+        start_select_loop "$work/flood/flood"
+        reference=$(field MBps <<<"$("$drain" "$socat_port" 1 "$bytes" each)")
+        stop_server
+        reference=$(printf '  select loop %7.1f MB/s (nxahost/it %s)' "$reference" "$(ratio "$h" "$reference")")
+    fi
+    printf 'rep %d, %2d client(s): nxahost %7.1f MB/s (%s/%s complete)  socat %7.1f MB/s  socat -b 512 %7.1f MB/s  ratios %s %s%s\n' \
         "$rep" "$clients" "$h" "$(field complete <<<"$host_line")" "$clients" "$s" "$b" \
-        "$(ratio "$h" "$s")" "$(ratio "$h" "$b")"
+        "$(ratio "$h" "$s")" "$(ratio "$h" "$b")" "$reference"
 }
 
 rtt_round() {
-    local rep=$1 host_line socat_line small_line
+    local rep=$1 host_line socat_line small_line loop_line
     start_host cat
     host_line=$("$rtt" "$host_port" "$keystrokes")
     stop_server
@@ -105,10 +123,14 @@ rtt_round() {
     start_socat "$work/cat/cat" -b 512
     small_line=$("$rtt" "$socat_port" "$keystrokes")
     stop_server
-    printf 'rep %d, keystroke round trip (us, median/p99): nxahost %s/%s  socat %s/%s  socat -b 512 %s/%s\n' "$rep" \
-        "$(field median_us <<<"$host_line")" "$(field p99_us <<<"$host_line")" \
+    start_select_loop "$work/cat/cat"
+    loop_line=$("$rtt" "$socat_port" "$keystrokes")
+    stop_server
+    printf 'rep %d, keystroke round trip (us, median/p99): nxahost %s/%s  socat %s/%s  socat -b 512 %s/%s  select loop %s/%s\n' \
+        "$rep" "$(field median_us <<<"$host_line")" "$(field p99_us <<<"$host_line")" \
         "$(field median_us <<<"$socat_line")" "$(field p99_us <<<"$socat_line")" \
-        "$(field median_us <<<"$small_line")" "$(field p99_us <<<"$small_line")"
+        "$(field median_us <<<"$small_line")" "$(field p99_us <<<"$small_line")" \
+        "$(field median_us <<<"$loop_line")" "$(field p99_us <<<"$loop_line")"
 }
 
 echo "machine: $(lscpu | sed -n 's/^Model name: *//p'), $(nproc) cores; $(socat -V | sed -n 's/^socat version \([^ ]*\).*/socat \1/p')"
