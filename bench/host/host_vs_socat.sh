@@ -54,14 +54,20 @@ start_host() {
     exit 1
 }
 
-# Starts the reference select loop on `program`; it serves one client.
-start_select_loop() {
-    "$build/bench/host/select_loop" "$socat_port" "$1" &
-    server=$!
+# Waits until something listens on the socat port (hex in /proc/net/tcp).
+printf -v socat_hex '%04X' "$socat_port"
+await_listener() {
     for _ in $(seq 1000); do
         grep -q ":$socat_hex 00000000:0000 0A" /proc/net/tcp && return 0
         sleep 0.01
     done
+}
+
+# Starts the reference select loop on `program`; it serves one client.
+start_select_loop() {
+    "$build/bench/host/select_loop" "$socat_port" "$1" &
+    server=$!
+    await_listener
 }
 
 stop_server() {
@@ -74,18 +80,13 @@ stop_server() {
 field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p"; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }'; }
 
-# Starts socat serving `program` with the given options; the port in
-# /proc/net/tcp is hex.
-printf -v socat_hex '%04X' "$socat_port"
+# Starts socat serving `program` with the given options.
 start_socat() {
     local program=$1
     shift
     socat "$@" "TCP-LISTEN:$socat_port,reuseaddr,fork" "EXEC:$program,pty,raw,echo=0" &
     server=$!
-    for _ in $(seq 1000); do
-        grep -q ":$socat_hex 00000000:0000 0A" /proc/net/tcp && return 0
-        sleep 0.01
-    done
+    await_listener
 }
 
 throughput_round() {
