@@ -90,7 +90,11 @@ int waitFds(FdSet& rd, FdSet& wr, int timeoutMs) {
     // One buffer per thread, reused: the host calls this on every turn of its loop.
     thread_local std::vector<pollfd> fds;
     collectPollFds(rd.bits_, wr.bits_, fds);
-    int ret = poll(fds.data(), fds.size(), timeoutMs < 0 ? -1 : timeoutMs);
+    // First a look without waiting. When something is ready already, as on
+    // nearly every turn of a busy loop, the kernel then never prepares to
+    // sleep on each descriptor; only an idle loop pays for the second call.
+    int ret = poll(fds.data(), fds.size(), 0);
+    if (ret == 0 && timeoutMs != 0) ret = poll(fds.data(), fds.size(), timeoutMs < 0 ? -1 : timeoutMs);
     if (ret < 0) return -1;
     if (ret > 0 && anyInvalid(fds)) {
         errno = EBADF;
