@@ -282,64 +282,64 @@ TEST(Proc, StopOfUnknownPidDoesNothing) {
     EXPECT_TRUE(isReaped(pid));
 }
 
+namespace {
+
+// The body of a child that leads a session and forks a grandchild into its
+// group, which reports its id on `ready` and waits. With ignoreTerm both ignore
+// SIGTERM; with childExits the child itself ends at once.
+void sessionWithGrandchild(Pipe& ready, bool ignoreTerm, bool childExits) {
+    setsid();
+    if (ignoreTerm) signal(SIGTERM, SIG_IGN);  // inherited by the grandchild
+    if (::fork() == 0) {
+        ready.send(getpid());
+        for (;;) pause();
+    }
+    if (childExits) _exit(0);
+    for (;;) pause();
+}
+
+// Waits for the grandchild (reparented to this subreaper) and expects it
+// ended by `sig`.
+void expectEndedBySignal(pid_t grandchild, int sig) {
+    int status = awaitStatus(grandchild);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(WTERMSIG(status), sig);
+}
+
+}  // namespace
+
 TEST(Proc, StopEndsGrandchildInChildsProcessGroup) {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     Proc proc(getpid());
     Pipe ready;
-    pid_t pid = spawn(proc, [&] {
-        setsid();
-        if (::fork() == 0) {
-            ready.send(getpid());
-            for (;;) pause();
-        }
-        for (;;) pause();
-    });
+    pid_t pid = spawn(proc, [&] { sessionWithGrandchild(ready, false, false); });
     ASSERT_GT(pid, 0);
     pid_t grandchild = ready.receive();
     ASSERT_GT(grandchild, 0);
     proc.stop(pid);
     EXPECT_TRUE(isReaped(pid));
-    int status = awaitStatus(grandchild);
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    expectEndedBySignal(grandchild, SIGTERM);
 }
 
 TEST(Proc, StopKillsGrandchildIgnoringSigtermAfterGraceTime) {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     Proc proc(getpid());
     Pipe ready;
-    pid_t pid = spawn(proc, [&] {
-        setsid();
-        signal(SIGTERM, SIG_IGN);  // inherited by the grandchild
-        if (::fork() == 0) {
-            ready.send(getpid());
-            for (;;) pause();
-        }
-        for (;;) pause();
-    });
+    pid_t pid = spawn(proc, [&] { sessionWithGrandchild(ready, true, false); });
     ASSERT_GT(pid, 0);
     pid_t grandchild = ready.receive();
     ASSERT_GT(grandchild, 0);
     auto start = Clock::now();
     proc.stop(pid);
     EXPECT_GE(msSince(start), Proc::stopGraceMs);
-    int status = awaitStatus(grandchild);
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    expectEndedBySignal(grandchild, SIGKILL);
 }
 
 TEST(Proc, StopOfEndedChildStillSignalsWhatIsLeftOfItsGroup) {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     Proc proc(getpid());
     Pipe ready;
-    pid_t pid = spawn(proc, [&] {
-        setsid();
-        if (::fork() == 0) {
-            ready.send(getpid());
-            for (;;) pause();
-        }
-        _exit(0);
-    });
+    pid_t pid = spawn(proc, [&] { sessionWithGrandchild(ready, false, true); });
     ASSERT_GT(pid, 0);
     pid_t grandchild = ready.receive();
     ASSERT_GT(grandchild, 0);
@@ -347,9 +347,7 @@ TEST(Proc, StopOfEndedChildStillSignalsWhatIsLeftOfItsGroup) {
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
     proc.stop(pid);
     EXPECT_TRUE(isReaped(pid));
-    int status = awaitStatus(grandchild);
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    expectEndedBySignal(grandchild, SIGTERM);
 }
 
 TEST(Proc, StopEndsChildThatHasNoGroupOfItsOwn) {
