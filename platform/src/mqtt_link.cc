@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "vlplatform/descriptors.h"
 #include "vlplatform/exceptions.h"
 
 namespace VLPBus {
@@ -91,7 +92,24 @@ MqttLink::MqttLink(Options const& options, Receiver receiver)
     if (state_ != State::connected) lose();
 }
 
-MqttLink::~MqttLink() = default;
+MqttLink::~MqttLink() {
+    forgetSocket();
+}
+
+// Records a socket libmosquitto opened, or closed on its own (a lost connection).
+void MqttLink::syncSocket() {
+    int const now = handle_ ? mosquitto_socket(handle_.get()) : -1;
+    if (now == socket_) return;
+    forgetSocket();
+    socket_ = now;
+    noteDescriptorOpened(socket_);
+}
+
+// Called before the socket is closed, while its number still means it.
+void MqttLink::forgetSocket() {
+    forgetDescriptor(socket_);
+    socket_ = -1;
+}
 
 int MqttLink::socket() const {
     return connected() ? mosquitto_socket(handle_.get()) : -1;
@@ -110,6 +128,7 @@ void MqttLink::start(Options const& options) {
         return;
     }
     int rc = mosquitto_connect_bind_async(handle_.get(), options.host.c_str(), options.port, 0, nullptr);
+    syncSocket();
     throwIfNoMemory(rc);
     if (rc != MOSQ_ERR_SUCCESS) state_ = State::failed;
 }
@@ -198,6 +217,7 @@ void MqttLink::disconnect() {
 
 // Rethrows what a callback caught during the libmosquitto call that returned rc.
 int MqttLink::check(int rc) {
+    syncSocket();
     if (pending_) {
         std::exception_ptr e = pending_;
         pending_ = nullptr;
@@ -208,6 +228,7 @@ int MqttLink::check(int rc) {
 
 void MqttLink::lose() {
     state_ = State::failed;
+    forgetSocket();
     handle_.reset();
 }
 

@@ -79,6 +79,8 @@ private:
                           mosquitto_property const* props);
     void subscribe();
     void receive(mosquitto_message const& msg, mosquitto_property const* props);
+    void syncSocket();
+    void forgetSocket();
 
     std::unique_ptr<mosquitto, HandleDeleter> handle_;
     Receiver receiver_;
@@ -86,6 +88,9 @@ private:
     State state_ = State::connecting;
     int subscribeMid_ = -1;
     std::exception_ptr pending_;  // thrown inside a callback, rethrown after the libmosquitto call
+    // The socket as last seen: libmosquitto opens and closes it inside its own
+    // calls, and the descriptor record must hear of both.
+    int socket_ = -1;
 };
 
 }  // namespace VLPBus

@@ -8,6 +8,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "vlplatform/descriptors.h"
+
 namespace {
 
 // Opens the slave side of `master` read-write, without making it the
@@ -41,7 +43,7 @@ void closeKeepingErrno(int fd) {
 }  // namespace
 
 int openPtyPair(int& master, int& slave, int flags) {
-    int m = posix_openpt(flags | O_NOCTTY);
+    int m = posix_openpt(flags | O_NOCTTY | O_NONBLOCK);
     if (m == -1) return -1;
     int s = openSlave(m);
     if (s == -1) {
@@ -55,6 +57,8 @@ int openPtyPair(int& master, int& slave, int flags) {
         closeKeepingErrno(m);
         return -1;
     }
+    noteDescriptorOpened(m);
+    noteDescriptorOpened(s);
     master = m;
     slave = s;
     return 0;

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vlplatform/descriptors.h>
 #include <vlplatform/messages.h>
 #include <vlplatform/net.h>
 
@@ -63,6 +64,7 @@ NXAClient::Module::Module(std::string const& name, unsigned short port, Proc& pr
 void NXAClient::Module::openListeningSocket(unsigned short port) {
     serverfd = ::socket(AF_INET, SOCK_STREAM, 0);
     if (serverfd == -1) throw IOException(errno, "create socket");
+    noteDescriptorOpened(serverfd);
     int on = 1;
     if (::setsockopt(serverfd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1)
         throw IOException(errno, "cannot set SO_REUSEADDR");

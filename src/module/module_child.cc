@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
+#include <vlplatform/descriptors.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -25,7 +26,7 @@ constexpr char kProgramBase[] = "/var/opt/velmora/nxa/";
 constexpr mode_t kProgramMode = 0744;
 
 void closeIfOpen(int fd) {
-    if (fd != -1) ::close(fd);
+    if (fd != -1) closeDescriptor(fd);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // NXAClient::PeerTelnet: a TCP connection accepted on the module's port. Bytes
 // pass unchanged both ways; there is no telnet protocol handling.
 #include <unistd.h>
+#include <vlplatform/descriptors.h>
 
 #include <cerrno>
 
@@ -26,7 +27,7 @@ NXAClient::PeerTelnet::~PeerTelnet() {
 
 void NXAClient::PeerTelnet::close() {
     if (fd == -1) return;
-    ::close(fd);
+    closeDescriptor(fd);
     fd = -1;
 }
 

@@ -20,7 +20,8 @@ ShellResult shell(std::string const& command);
 bool waitUntil(std::function<bool()> const& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// The number of descriptors this process has open.
+// The number of descriptors this process has open, besides the platform's
+// own (the accept reserve and the threads' interest sets).
 int openDescriptorCount();
 
 // Writes `content` to `path` (created or truncated) with `mode`.

@@ -17,18 +17,42 @@ socklen_t setInetAddr(char const* host, unsigned short port, sockaddr_in& addr);
 void bindSocket(int fd, sockaddr_in const& addr, socklen_t len);
 
 // Starts listening on fd. Throws IOException(errno, "cannot listen on socket") on failure.
+// Also sets aside the process's reserve descriptor for acceptClient (see there).
 void listenConnection(int fd, int backlog);
 
-// Accepts one connection on the listening fd and returns its descriptor (close-on-exec,
-// so later children do not keep client connections open), or -1 with errno.
-// addr and len may be null.
+// Accepts one connection on the listening fd and returns its descriptor, or -1
+// with errno. addr and len may be null. The connection is non-blocking and
+// close-on-exec (later children do not keep client connections open), and is
+// recorded as opened (vlplatform/descriptors.h). The listening socket is made
+// non-blocking too, so a call never waits: with nothing to accept it returns
+// -1 with EAGAIN.
+//
+// When the process (EMFILE) or the system (ENFILE) is out of descriptors, the
+// connection is still taken off the queue: the reserve descriptor set aside
+// by listenConnection is closed, the connection accepted and closed at once
+// (its client sees it closed), and the reserve opened again. The listening
+// socket then stops being ready, and the result is -1 with that errno;
+// refusedConnections() counts such connections.
 int acceptClient(int fd, sockaddr* addr, socklen_t* len);
+
+// How many connections acceptClient has taken off a queue and closed for lack
+// of descriptors, in this process so far.
+unsigned long refusedConnections();
+
+// Sets the reserve descriptor of acceptClient aside now, if it is not yet
+// (listenConnection and acceptClient do so themselves; a process that wants
+// it before its first listen calls this). One descriptor, close-on-exec, for
+// the life of the process.
+void setAsideAcceptReserve();
 
 // Opens a new pseudo-terminal pair: master with posix_openpt(flags | O_NOCTTY),
 // slave read-write (O_RDWR | O_NOCTTY, so it does not become the controlling
 // terminal), the terminal already in raw mode (cfmakeraw), so even the first
-// bytes a child writes pass unchanged. Returns 0, or -1 with errno; master and
-// slave are then unchanged and nothing is left open.
+// bytes a child writes pass unchanged. The master is non-blocking, so a polling
+// loop reading or writing it never waits; the slave, the program's terminal,
+// blocks as usual. Both are recorded as opened (vlplatform/descriptors.h).
+// Returns 0, or -1 with errno; master and slave are then unchanged and nothing
+// is left open.
 int openPtyPair(int& master, int& slave, int flags);
 
 // Prints the address as a.b.c.d:port.
