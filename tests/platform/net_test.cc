@@ -8,9 +8,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sstream>
 #include <string>
 #include <unistd.h>
+
+#include <vector>
 
 #include "vlplatform/exceptions.h"
 
@@ -194,4 +198,96 @@ TEST(Sockets, ListenOnNonSocketThrows) {
     }
     close(fds[0]);
     close(fds[1]);
+}
+
+TEST(Sockets, AcceptedConnectionIsNonBlocking) {
+    Socket server;
+    listenOnLoopback(server);
+    Socket client(connectTo(boundPort(server.fd)));
+    ASSERT_GE(client.fd, 0);
+    Socket accepted(acceptClient(server.fd, nullptr, nullptr));
+    ASSERT_GE(accepted.fd, 0) << strerror(errno);
+    EXPECT_TRUE(fcntl(accepted.fd, F_GETFL) & O_NONBLOCK);
+    char byte;
+    errno = 0;
+    EXPECT_EQ(read(accepted.fd, &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST(Sockets, AcceptWithNothingQueuedReturnsAtOnce) {
+    Socket server;
+    listenOnLoopback(server);
+    errno = 0;
+    EXPECT_EQ(acceptClient(server.fd, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+namespace {
+
+// Lowers the soft descriptor limit to what is open now and fills every free
+// number below it; undone on destruction.
+class Exhaustion {
+public:
+    Exhaustion() {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        rlimit low = saved_;
+        low.rlim_cur = static_cast<rlim_t>(highestOpen() + 8);
+        setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) != -1;) fillers_.push_back(fd);
+    }
+    ~Exhaustion() {
+        for (int fd : fillers_) close(fd);
+        setrlimit(RLIMIT_NOFILE, &saved_);
+    }
+
+private:
+    static int highestOpen() {
+        int highest = 0;
+        for (int fd = 0; fd < 4096; ++fd) {
+            if (fcntl(fd, F_GETFD) != -1) highest = fd;
+        }
+        return highest;
+    }
+    rlimit saved_{};
+    std::vector<int> fillers_;
+};
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
+}  // namespace
+
+TEST(Sockets, OutOfDescriptorsTheConnectionIsTakenOffTheQueueAndClosed) {
+    Socket server;
+    listenOnLoopback(server);
+    Socket client(connectTo(boundPort(server.fd)));
+    ASSERT_GE(client.fd, 0);
+    ASSERT_TRUE(readable(server.fd));
+    unsigned long const refusedBefore = refusedConnections();
+    {
+        Exhaustion exhaustion;
+        errno = 0;
+        EXPECT_EQ(acceptClient(server.fd, nullptr, nullptr), -1);
+        EXPECT_EQ(errno, EMFILE);
+        EXPECT_FALSE(readable(server.fd)) << "the refused connection left the queue";
+    }
+    EXPECT_EQ(refusedConnections(), refusedBefore + 1);
+    char byte;
+    EXPECT_EQ(read(client.fd, &byte, 1), 0) << "the client sees its connection closed";
+
+    // The reserve is back: the next exhaustion is survived the same way.
+    Socket second(connectTo(boundPort(server.fd)));
+    ASSERT_GE(second.fd, 0);
+    {
+        Exhaustion exhaustion;
+        EXPECT_EQ(acceptClient(server.fd, nullptr, nullptr), -1);
+        EXPECT_FALSE(readable(server.fd));
+    }
+    EXPECT_EQ(refusedConnections(), refusedBefore + 2);
+    Socket third(connectTo(boundPort(server.fd)));
+    ASSERT_GE(third.fd, 0);
+    Socket accepted(acceptClient(server.fd, nullptr, nullptr));
+    EXPECT_GE(accepted.fd, 0) << "served again once descriptors are free";
 }

@@ -76,6 +76,17 @@ TEST(OpenPtyPair, FlagsApplyToTheMaster) {
     EXPECT_FALSE(fcntl(pty.slave, F_GETFD) & FD_CLOEXEC);
 }
 
+TEST(OpenPtyPair, MasterNeverWaitsWhileTheProgramsSlaveBlocks) {
+    Pty pty(O_RDWR);
+    ASSERT_EQ(pty.rc, 0) << strerror(errno);
+    EXPECT_TRUE(fcntl(pty.master, F_GETFL) & O_NONBLOCK);
+    EXPECT_FALSE(fcntl(pty.slave, F_GETFL) & O_NONBLOCK);
+    char byte;
+    errno = 0;
+    EXPECT_EQ(read(pty.master, &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST(OpenPtyPair, TerminalIsRawFromTheStart) {
     Pty pty;
     ASSERT_EQ(pty.rc, 0);
