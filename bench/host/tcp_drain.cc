@@ -1,10 +1,11 @@
-// tcp_drain PORT CLIENTS BYTES shared|each
+// tcp_drain PORT CLIENTS BYTES shared|each [LIMIT_S]
 //
 // Connects CLIENTS TCP clients to 127.0.0.1:PORT, discards what arrives in the
 // first 300 ms (a module's earlier output), then sends the one-byte trigger —
 // on the first client only ("shared": one program serves all clients) or on
 // every client ("each": one program per client) — and drains every client
-// until it has BYTES or nothing came for 3 s. Prints one line:
+// until it has BYTES or nothing came for 3 s, or LIMIT_S seconds (when given)
+// have passed since the trigger. Prints one line:
 //   clients=<n> bytes=<total> seconds=<s> MBps=<total/s/1e6> complete=<k>
 // where complete counts the clients that got all BYTES.
 #include <chrono>
@@ -52,14 +53,15 @@ void discardFor(std::vector<pollfd>& fds, int ms) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) {
-        std::fprintf(stderr, "usage: tcp_drain PORT CLIENTS BYTES shared|each\n");
+    if (argc != 5 && argc != 6) {
+        std::fprintf(stderr, "usage: tcp_drain PORT CLIENTS BYTES shared|each [LIMIT_S]\n");
         return 2;
     }
     unsigned short const port = static_cast<unsigned short>(std::atoi(argv[1]));
     int const clients = std::atoi(argv[2]);
     unsigned long long const want = std::strtoull(argv[3], nullptr, 10);
     bool const each = std::strcmp(argv[4], "each") == 0;
+    int const limitMs = argc == 6 ? std::atoi(argv[5]) * 1000 : 0;
 
     std::vector<pollfd> fds;
     for (int i = 0; i < clients; ++i) fds.push_back({connectTo(port), POLLIN, 0});
@@ -72,7 +74,13 @@ int main(int argc, char** argv) {
     char buf[65536];
     int open = clients;
     while (open > 0) {
-        int ready = poll(fds.data(), fds.size(), 3000);
+        int timeout = 3000;
+        if (limitMs > 0) {
+            auto const left = limitMs - std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+            if (left <= 0) break;
+            if (left < timeout) timeout = static_cast<int>(left);
+        }
+        int ready = poll(fds.data(), fds.size(), timeout);
         if (ready <= 0) break;
         for (int i = 0; i < clients; ++i) {
             if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
