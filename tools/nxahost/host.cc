@@ -1,9 +1,13 @@
 #include "host.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+#include <vlplatform/descriptors.h>
+#include <vlplatform/net.h>
+
 #include <cerrno>
 #include <exception>
 #include <string>
-#include <unistd.h>
 
 #include "host_log.h"
 #include "module_groups.h"
@@ -13,9 +17,8 @@ namespace {
 
 constexpr unsigned short kBusPort = 20010;
 constexpr int kReconnectMs = 1000;
-// Errors while serving are reported and survived (a client that resets its
-// connection fails one turn); this many failing turns in a row end the host.
-constexpr unsigned kMaxFailedTurns = 100;
+// Connections refused for lack of descriptors are summed up at most this often.
+constexpr std::chrono::seconds kRefusalReportEvery{1};
 // How long a reload waits for the stopped module programs' groups to go.
 constexpr std::chrono::milliseconds kGroupsGoneLimit{3000};
 
@@ -34,6 +37,8 @@ Host::Host(HostOptions options)
       client_(options_.packageDir.c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName) {
+    noteDescriptorOpened(signals_.fd());
+    setAsideAcceptReserve();
     bus_.setup();
     lastBusAttempt_ = std::chrono::steady_clock::now();
 }
@@ -85,6 +90,7 @@ void Host::turn() {
     serveModules();
     serveOwnBus();
     keepOwnBusConnected();
+    reportRefusedConnections();
     // A signal's arrival makes the pipe readable; only then is it worth reading.
     if (rd_.isSet(signals_.fd())) reactToSignals();
 }
@@ -95,7 +101,9 @@ bool Host::waitForEvents() {
     client_.addFds(rd_, wr_);
     rd_.add(signals_.fd());
     rd_.add(bus_.fd());
-    int const timeout = bus_.isConnected() ? -1 : kReconnectMs;
+    // Woken to retry the bus, or to report refused connections not yet told.
+    bool const idle = bus_.isConnected() && refusedConnections() == refusedSeen_;
+    int const timeout = idle ? -1 : kReconnectMs;
     if (waitFds(rd_, wr_, timeout) >= 0) return true;
     if (errno == EINTR) {
         reactToSignals();
@@ -108,11 +116,10 @@ void Host::serveModules() {
     try {
         client_.handleInput(rd_);
         client_.handleOutput(wr_);
-        failedTurns_ = 0;
+        failures_.served(std::chrono::steady_clock::now());
     } catch (std::exception const& e) {
-        // The last one leaves run() and is reported once, by the caller.
-        if (++failedTurns_ >= kMaxFailedTurns) throw;
-        hostLog(kHostError, e.what());
+        // The error that ends the host leaves run() and is reported by the caller.
+        if (failures_.failed(e, std::chrono::steady_clock::now())) throw;
     }
 }
 
@@ -132,6 +139,22 @@ void Host::keepOwnBusConnected() {
     lastBusAttempt_ = now;
     bus_.connectToServer();
     if (bus_.isConnected()) hostLog(kHostInfo, "bus connection established as ", options_.busName);
+}
+
+// The library is told of a refused connection as an accept that failed; the
+// reason, and how many, are said here, at most once a second.
+void Host::reportRefusedConnections() {
+    unsigned long const refused = refusedConnections();
+    if (refused == refusedSeen_) return;
+    auto const now = std::chrono::steady_clock::now();
+    if (now - lastRefusalReport_ < kRefusalReportEvery) return;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    unsigned long const count = refused - refusedSeen_;
+    hostLog(kHostWarning, "refused ", count, " connection", count == 1 ? "" : "s",
+            ": out of descriptors (the limit is ", limit.rlim_cur, ")");
+    refusedSeen_ = refused;
+    lastRefusalReport_ = now;
 }
 
 void Host::reactToSignals() {

@@ -13,10 +13,12 @@
 #include "ended_children.h"
 #include "host_signals.h"
 #include "options.h"
+#include "serve_failures.h"
 
 // Owns the library's facade and runs its loop until INT or TERM. Exceptions of
 // configuring and starting the modules leave run() (the caller reports them and
-// ends with status 1; the destructor stops the children). An exception that
+// ends with status 1; the destructor stops the children), and so does an error
+// that fails every turn for ServeFailures::kGiveUpAfter. An exception that
 // comes out of a module start in the forked child's copy of this process ends
 // that copy at once with status 1, before anything of the host is unwound.
 class Host {
@@ -35,6 +37,7 @@ private:
     void serveModules();
     void serveOwnBus();
     void keepOwnBusConnected();
+    void reportRefusedConnections();
     void reactToSignals();
     void printRunLog();
     void reload();
@@ -48,8 +51,10 @@ private:
     FdSet wr_;
     EndedChildren ended_;
     bool stopping_ = false;
-    unsigned failedTurns_ = 0;
+    ServeFailures failures_;
     std::chrono::steady_clock::time_point lastBusAttempt_;
+    unsigned long refusedSeen_ = 0;
+    std::chrono::steady_clock::time_point lastRefusalReport_;
 };
 
 // Ends a forked copy of the host after an exception: writes "[ERROR] nxahost: "

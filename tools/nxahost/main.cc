@@ -1,8 +1,10 @@
 // nxahost: the reference host daemon. See `nxahost --help`.
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <memory>
 
+#include "descriptor_limit.h"
 #include "host.h"
 #include "host_log.h"
 #include "options.h"
@@ -17,7 +19,9 @@ int main(int argc, char* argv[]) {
     // only after the error line has been written.
     std::unique_ptr<Host> host;
     try {
-        host = std::make_unique<Host>(commandLine.options);
+        HostOptions const& options = commandLine.options;
+        raiseDescriptorLimit(std::min<std::size_t>(options.modules.size(), options.maxModules));
+        host = std::make_unique<Host>(options);
         return host->run();
     } catch (std::exception const& e) {
         hostLog(kHostError, e.what());
