@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
 #include <vlplatform/exceptions.h>
 #include <vlplatform/ini_parser.h>
+
+#include "fuzz_input.h"
 
 namespace {
 
@@ -25,21 +26,6 @@ std::string const& inputPath() {
         return std::string(dir) + "/Manifest";
     }();
     return path;
-}
-
-// A new file each time: rewriting a truncated file makes some file systems
-// flush it on close, which would slow every run down to the disk's pace.
-void writeInput(std::uint8_t const* data, std::size_t size) {
-    unlink(inputPath().c_str());
-    int fd = open(inputPath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) std::abort();
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) std::abort();
-        data += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    close(fd);
 }
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
@@ -59,7 +45,7 @@ void checkEntry(std::string const& key, std::string const& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    writeInput(data, size);
+    fuzzinput::writeInput(inputPath(), data, size);
     try {
         IniParser parser(inputPath(), 0);
         for (auto const& entry : parser.values()) checkEntry(entry.first, entry.second);

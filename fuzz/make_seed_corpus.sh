@@ -3,10 +3,12 @@
 # command and python3's zipfile for the names zip refuses to write). The
 # seeds are committed; running this again is only needed to change them.
 set -euo pipefail
+export LC_ALL=C
 here=$(cd "$(dirname "$0")" && pwd)
 ini=$here/corpus/ini_parser
 unz=$here/corpus/unzip
-mkdir -p "$ini" "$unz"
+bus=$here/corpus/bus_decode
+mkdir -p "$ini" "$unz" "$bus"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -49,3 +51,33 @@ write("absolute.zip", [("/tmp/evil", "evil\n")])
 write("backslash.zip", [("..\\evil", "evil\n")])
 write("scratch-prefix.zip", [(".nxa-unzip-x/f", "x\n")])
 PY
+
+# Bus messages in bus_decode_fuzzer's framing: the number of user properties,
+# each name and value as a two-byte big-endian length and its bytes, then the
+# payload.
+byte() { printf "\\x$(printf %02x "$1")"; }
+field() {
+    byte $((${#1} >> 8))
+    byte $((${#1} & 255))
+    printf '%s' "$1"
+}
+# message <file> <payload> <name> <value>...: one framed message; the payload
+# may hold backslash escapes (\n, \0 and so on).
+message() {
+    local file=$1 payload=$2
+    shift 2
+    {
+        byte $(($# / 2))
+        for text in "$@"; do field "$text"; done
+        printf '%b' "$payload"
+    } >"$bus/$file"
+}
+message good-system 71-NXAStartOutput vlp-sender viewer vlp-type system vlp-id 128 vlp-kind 4
+message good-setstate '' vlp-sender NXAModule_demo%2Fx vlp-type setstate vlp-id 129 \
+    vlp-state running vlp-value 4294967295
+message missing-type 72-NXAStopOutput vlp-sender viewer vlp-kind 4
+message unknown-type 71-NXAStartOutput vlp-sender viewer vlp-type System vlp-kind 4
+message bad-kind 71-NXAStartOutput vlp-sender viewer vlp-type system vlp-kind 256
+message bad-sender-escape 71-NXAStartOutput vlp-sender 'view%zzer' vlp-type system vlp-kind 4
+message text-with-nul-and-crlf 'a\tb\0c\r\n' vlp-type system vlp-kind 34
+: >"$bus/empty"

@@ -10,14 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <set>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <vlplatform/fs.h>
 #include <vlplatform/zipper.h>
+
+#include "fuzz_input.h"
 
 namespace {
 
@@ -34,18 +34,6 @@ std::string const& root() {
 [[noreturn]] void finding(std::string const& what) {
     std::fprintf(stderr, "unzip_fuzzer: %s\n", what.c_str());
     std::abort();
-}
-
-void writeInput(std::string const& path, std::uint8_t const* data, std::size_t size) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) std::abort();
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) std::abort();
-        data += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    close(fd);
 }
 
 // The names in `dir` other than "." and "..".
@@ -93,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     std::string const archive = root() + "/in.zip";
     std::string const dest = root() + "/a/b/dest";
     rmDir(root(), false);
-    writeInput(archive, data, size);
+    fuzzinput::writeInput(archive, data, size);
     int const result = zipper::unZipWithDirs(archive, dest, "");
     if (result == 0) {
         expectOnly(root(), {"in.zip", "a"});
