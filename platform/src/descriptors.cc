@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "accepted_connections.h"
 #include "descriptor_registry.h"
 #include "interest_set.h"
 
@@ -16,6 +17,7 @@ void forgetDescriptor(int fd) {
     // Out of the interest set while the number still means the old file.
     vlp::InterestSet::ofThisThread().drop(fd);
     vlp::descriptors::record(fd, false);
+    vlp::accepted::noteClosed(fd);
 }
 
 int closeDescriptor(int fd) {

@@ -2,16 +2,12 @@
 #include "vlplatform/net.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
 
-#include "vlplatform/descriptors.h"
 #include "vlplatform/exceptions.h"
 #include "vlplatform/log_util.h"
 
@@ -57,63 +53,9 @@ void bindSocket(int fd, sockaddr_in const& addr, socklen_t len) {
     }
 }
 
-namespace {
-
-// One descriptor held back for the moment the others run out, so that a
-// connection can still be taken off the queue and closed.
-std::atomic<int> reserve{-1};
-std::atomic<unsigned long> refused{0};
-
-// Takes one connection off the queue of the listening fd and closes it, with
-// the reserve descriptor freed for the moment. errno is kept.
-void refuseOne(int fd) {
-    int const err = errno;
-    int held = reserve.exchange(-1);
-    if (held != -1) {
-        close(held);
-        int connection = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection != -1) {
-            close(connection);
-            refused.fetch_add(1);
-        }
-        setAsideAcceptReserve();
-    }
-    errno = err;
-}
-
-void makeNonBlocking(int fd) {
-    int flags = fcntl(fd, F_GETFL);
-    if (flags != -1 && !(flags & O_NONBLOCK)) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-}
-
-}  // namespace
-
 void listenConnection(int fd, int backlog) {
     if (listen(fd, backlog) == -1) throw IOException(errno, "cannot listen on socket");
     setAsideAcceptReserve();
-}
-
-int acceptClient(int fd, sockaddr* addr, socklen_t* len) {
-    makeNonBlocking(fd);
-    setAsideAcceptReserve();
-    int connection = accept4(fd, addr, len, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (connection != -1) {
-        noteDescriptorOpened(connection);
-        return connection;
-    }
-    if (errno == EMFILE || errno == ENFILE) refuseOne(fd);
-    return -1;
-}
-
-void setAsideAcceptReserve() {
-    if (reserve.load() != -1) return;
-    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    int expected = -1;
-    if (fd != -1 && !reserve.compare_exchange_strong(expected, fd)) close(fd);
-}
-
-unsigned long refusedConnections() {
-    return refused.load();
 }
 
 std::ostream& operator<<(std::ostream& os, sockaddr_in const& addr) {

@@ -1,6 +1,7 @@
 #include "host_process.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -47,7 +48,21 @@ std::string scratchDir() {
     return dir;
 }
 
-HostProcess::HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env) {
+namespace {
+
+// In the child, before exec: only async-signal-safe calls.
+void applyLimit(DescriptorLimit limit) {
+    rlimit current{};
+    if (::getrlimit(RLIMIT_NOFILE, &current) != 0) return;
+    if (limit.hard != 0) current.rlim_max = limit.hard;
+    if (limit.soft != 0) current.rlim_cur = limit.soft;
+    ::setrlimit(RLIMIT_NOFILE, &current);
+}
+
+}  // namespace
+
+HostProcess::HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env,
+                         DescriptorLimit limit) {
     static int serial = 0;
     std::string const base = scratchDir() + "/host" + std::to_string(++serial);
     outFile_ = base + ".out";
@@ -72,6 +87,7 @@ HostProcess::HostProcess(std::vector<std::string> const& args, std::vector<std::
         ::dup2(in, 0);
         ::dup2(out, 1);
         ::dup2(err, 2);
+        applyLimit(limit);
         ::execve(argv[0], argv.data(), envp.data());
         ::_exit(127);
     }

@@ -32,13 +32,20 @@ std::string leakSuppressionsEnv();
 // A scratch folder of the running test, under /tmp (created on first use).
 std::string scratchDir();
 
+// Limits on open descriptors the host starts with; 0 leaves a limit as the test has it.
+struct DescriptorLimit {
+    unsigned long soft = 0;
+    unsigned long hard = 0;
+};
+
 // One run of the host, a child of the test, its standard output and error in
 // files of scratchDir(). It owns the process: the destructor ends it.
 class HostProcess {
 public:
     // Starts `hostBinary()` with `args`, the test's environment plus `env`
-    // ("NAME=value" entries), standard input from /dev/null.
-    explicit HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env = {});
+    // ("NAME=value" entries), standard input from /dev/null, and `limit`.
+    explicit HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env = {},
+                         DescriptorLimit limit = {});
     // Kills the host if it still runs (SIGKILL) and reaps it.
     ~HostProcess();
     HostProcess(HostProcess const&) = delete;

@@ -14,8 +14,10 @@
 #include <string>
 #include <unistd.h>
 
+#include <memory>
 #include <vector>
 
+#include "vlplatform/descriptors.h"
 #include "vlplatform/exceptions.h"
 
 namespace {
@@ -259,9 +261,20 @@ bool readable(int fd) {
 
 }  // namespace
 
-TEST(Sockets, OutOfDescriptorsTheConnectionIsTakenOffTheQueueAndClosed) {
+// Accepts `count` connections on `server`, their clients in `clients`.
+void acceptMany(Socket const& server, int count, std::vector<std::unique_ptr<Socket>>& clients,
+                std::vector<std::unique_ptr<Socket>>& accepted) {
+    for (int i = 0; i < count; ++i) {
+        clients.push_back(std::make_unique<Socket>(connectTo(boundPort(server.fd))));
+        accepted.push_back(std::make_unique<Socket>(acceptClient(server.fd, nullptr, nullptr)));
+    }
+}
+
+TEST(Sockets, OutOfDescriptorsABusyListenersConnectionIsTakenOffTheQueueAndClosed) {
     Socket server;
     listenOnLoopback(server);
+    std::vector<std::unique_ptr<Socket>> clients, accepted;
+    acceptMany(server, acceptModestListener, clients, accepted);
     Socket client(connectTo(boundPort(server.fd)));
     ASSERT_GE(client.fd, 0);
     ASSERT_TRUE(readable(server.fd));
@@ -288,6 +301,28 @@ TEST(Sockets, OutOfDescriptorsTheConnectionIsTakenOffTheQueueAndClosed) {
     EXPECT_EQ(refusedConnections(), refusedBefore + 2);
     Socket third(connectTo(boundPort(server.fd)));
     ASSERT_GE(third.fd, 0);
-    Socket accepted(acceptClient(server.fd, nullptr, nullptr));
-    EXPECT_GE(accepted.fd, 0) << "served again once descriptors are free";
+    Socket served(acceptClient(server.fd, nullptr, nullptr));
+    EXPECT_GE(served.fd, 0) << "served again once descriptors are free";
+}
+
+TEST(Sockets, OutOfDescriptorsAModestListenerIsStillServedFromTheReserve) {
+    Socket busy, modest;
+    listenOnLoopback(busy);
+    listenOnLoopback(modest);
+    std::vector<std::unique_ptr<Socket>> clients, accepted;
+    acceptMany(busy, acceptModestListener, clients, accepted);
+    Socket flood(connectTo(boundPort(busy.fd)));
+    Socket newcomer(connectTo(boundPort(modest.fd)));
+    ASSERT_GE(newcomer.fd, 0);
+    int served = -1;
+    {
+        Exhaustion exhaustion;
+        EXPECT_EQ(acceptClient(busy.fd, nullptr, nullptr), -1);
+        served = acceptClient(modest.fd, nullptr, nullptr);
+        EXPECT_GE(served, 0) << strerror(errno);
+    }
+    ASSERT_EQ(write(newcomer.fd, "hi", 2), 2);
+    char buf[2];
+    EXPECT_EQ(read(served, buf, 2), 2);
+    closeDescriptor(served);
 }

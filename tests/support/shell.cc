@@ -50,7 +50,7 @@ bool isInterestSet(char const* name) {
 
 int openDescriptorCount() {
     // The platform's own descriptors, each made once for the process or the
-    // thread, are not counted: the accept reserve is set aside here first.
+    // thread, are not counted: the accept reserve is filled here first.
     setAsideAcceptReserve();
     int count = 0;
     DIR* dir = opendir("/proc/self/fd");
@@ -59,7 +59,7 @@ int openDescriptorCount() {
         if (e->d_name[0] != '.' && !isInterestSet(e->d_name)) ++count;
     }
     closedir(dir);
-    return count - 2;  // the directory stream's own descriptor and the reserve
+    return count - 1 - static_cast<int>(acceptReserveSize);  // the directory stream's own, and the reserve
 }
 
 void writeFile(std::string const& path, std::string const& content, int mode) {

@@ -17,8 +17,13 @@ socklen_t setInetAddr(char const* host, unsigned short port, sockaddr_in& addr);
 void bindSocket(int fd, sockaddr_in const& addr, socklen_t len);
 
 // Starts listening on fd. Throws IOException(errno, "cannot listen on socket") on failure.
-// Also sets aside the process's reserve descriptor for acceptClient (see there).
+// Also fills the reserve of acceptClient (see there).
 void listenConnection(int fd, int backlog);
+
+// Descriptors acceptClient holds in reserve for the moment the others run out
+// (see there), and the fewest connections that make a listener more than modest.
+inline constexpr unsigned acceptReserveSize = 8;
+inline constexpr unsigned acceptModestListener = 8;
 
 // Accepts one connection on the listening fd and returns its descriptor, or -1
 // with errno. addr and len may be null. The connection is non-blocking and
@@ -28,21 +33,26 @@ void listenConnection(int fd, int backlog);
 // -1 with EAGAIN.
 //
 // When the process (EMFILE) or the system (ENFILE) is out of descriptors, the
-// connection is still taken off the queue: the reserve descriptor set aside
-// by listenConnection is closed, the connection accepted and closed at once
-// (its client sees it closed), and the reserve opened again. The listening
-// socket then stops being ready, and the result is -1 with that errno;
-// refusedConnections() counts such connections.
+// reserve of acceptReserveSize descriptors comes into play. A listener with
+// fewer than acceptModestListener open connections accepted by this function
+// gets one of them: its connection is accepted all the same, so one listener
+// flooded with clients cannot lock the others' clients out. Any other
+// listener's connection is still taken off the queue, accepted into a freed
+// reserve descriptor and closed at once (its client sees it closed), so the
+// listening socket stops being ready; the result is then -1 with that errno,
+// and refusedConnections() counts it. The reserve is filled again whenever
+// descriptors allow. Connections must be closed with closeDescriptor for the
+// listener's count to drop.
 int acceptClient(int fd, sockaddr* addr, socklen_t* len);
 
 // How many connections acceptClient has taken off a queue and closed for lack
 // of descriptors, in this process so far.
 unsigned long refusedConnections();
 
-// Sets the reserve descriptor of acceptClient aside now, if it is not yet
+// Fills the reserve of acceptClient now, as far as descriptors allow
 // (listenConnection and acceptClient do so themselves; a process that wants
-// it before its first listen calls this). One descriptor, close-on-exec, for
-// the life of the process.
+// it before its first listen calls this). The reserve's descriptors are
+// close-on-exec and stay for the life of the process.
 void setAsideAcceptReserve();
 
 // Opens a new pseudo-terminal pair: master with posix_openpt(flags | O_NOCTTY),
