@@ -132,6 +132,11 @@ bool RawClient::receive(std::size_t count, milliseconds timeout) {
         timeout);
 }
 
+bool RawClient::awaitAnswer(milliseconds timeout) const {
+    pollfd p{fd_, POLLIN, 0};
+    return ::poll(&p, 1, static_cast<int>(timeout.count())) == 1;
+}
+
 void RawClient::reset() {
     linger const abortive{1, 0};
     ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);

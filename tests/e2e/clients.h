@@ -61,8 +61,14 @@ public:
     bool receive(std::size_t count, milliseconds timeout = kPatience);
     // Closes with SO_LINGER 0: the peer gets a reset instead of an end of stream.
     void reset();
+    // Waits until the host has answered the connection: something to read, or
+    // the connection closed. A test that connects many clients waits for each
+    // answer first: a module's port queues one connection at a time.
+    bool awaitAnswer(milliseconds timeout = kPatience) const;
     // The bytes waiting unread in the receive buffer.
     int unread() const;
+    // The connection's descriptor (-1 after reset()).
+    int fd() const { return fd_; }
 
 private:
     int fd_ = -1;
