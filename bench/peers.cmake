@@ -6,3 +6,10 @@
 add_executable(peers_bench ${CMAKE_CURRENT_SOURCE_DIR}/peers_fanout.cc
   ${CMAKE_CURRENT_SOURCE_DIR}/peers_alloc_counter.cc)
 target_link_libraries(peers_bench PRIVATE nxaclient benchmark::benchmark)
+
+# An idle module's cost per turn of the host's loop (run it in the sandbox
+# with its broker, like peers_bench):
+#   tests/sandbox/nxa-sandbox --broker -- <build>/bench/idle_turn_bench
+add_executable(idle_turn_bench ${CMAKE_CURRENT_SOURCE_DIR}/idle_turn.cc
+  ${CMAKE_CURRENT_SOURCE_DIR}/peers_alloc_counter.cc)
+target_link_libraries(idle_turn_bench PRIVATE nxaclient benchmark::benchmark)

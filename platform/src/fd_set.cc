@@ -17,20 +17,13 @@ std::uint64_t bitOf(int fd) { return std::uint64_t{1} << (static_cast<unsigned>(
 
 }  // namespace
 
-void FdSet::add(int fd) {
-    if (fd < 0) return;
-    std::size_t word = wordOf(fd);
-    if (word >= bits_.size()) bits_.resize(word + 1, 0);
-    bits_[word] |= bitOf(fd);
-    if (fd >= count_) count_ = fd + 1;
+void FdSet::grow(std::size_t word) {
+    bits_.resize(word + 1, 0);
 }
 
-bool FdSet::isSet(int fd) const {
-    if (fd < 0) return false;
-    std::size_t word = wordOf(fd);
-    if (word >= bits_.size() || (bits_[word] & bitOf(fd)) == 0) return false;
-    // A number opened or closed after the wait is not the one that was ready.
-    return filledAt_ == kNotFilled || vlp::descriptors::stampOf(fd).changedAt <= filledAt_;
+// A number opened or closed after the wait is not the one that was ready.
+bool FdSet::existedWhenFilled(int fd) const {
+    return vlp::descriptors::stampOf(fd).changedAt <= filledAt_;
 }
 
 void FdSet::clear() {

@@ -111,10 +111,6 @@ void MqttLink::forgetSocket() {
     socket_ = -1;
 }
 
-int MqttLink::socket() const {
-    return connected() ? mosquitto_socket(handle_.get()) : -1;
-}
-
 void MqttLink::setCallbacks() {
     mosquitto_connect_v5_callback_set(handle_.get(), &MqttLink::onConnect);
     mosquitto_subscribe_v5_callback_set(handle_.get(), &MqttLink::onSubscribe);

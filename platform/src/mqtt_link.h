@@ -44,8 +44,9 @@ public:
 
     // Whether CONNACK and SUBACK arrived with success and the connection still holds.
     bool connected() const { return state_ == State::connected; }
-    // The connection's socket, -1 when not connected.
-    int socket() const;
+    // The connection's socket, -1 when not connected. Asked on every turn of
+    // the owner's loop: the number as last seen after a libmosquitto call.
+    int socket() const { return connected() ? socket_ : -1; }
     // Reads up to maxPackets packets that are ready, without blocking, and
     // flushes pending output. Returns false (and is no longer connected) when
     // the connection is lost.

@@ -2,6 +2,7 @@
 // ceiling: any non-negative descriptor value can be added.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -39,10 +40,21 @@ int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
 class FdSet {
 public:
     // Adds fd; raises count() to fd + 1 when fd is not below it. Negative fd: no effect.
-    void add(int fd);
+    void add(int fd) {
+        if (fd < 0) return;
+        std::size_t const word = static_cast<std::size_t>(fd) / 64;
+        if (word >= bits_.size()) grow(word);
+        bits_[word] |= std::uint64_t{1} << (fd % 64);
+        if (fd >= count_) count_ = fd + 1;
+    }
     // Whether fd is in the set (false for a negative fd, and, in a set filled
     // by waitFds, for a descriptor opened or closed since; see there).
-    bool isSet(int fd) const;
+    bool isSet(int fd) const {
+        if (fd < 0) return false;
+        std::size_t const word = static_cast<std::size_t>(fd) / 64;
+        if (word >= bits_.size() || (bits_[word] & (std::uint64_t{1} << (fd % 64))) == 0) return false;
+        return filledAt_ == kNotFilled || existedWhenFilled(fd);
+    }
     // Highest descriptor added + 1; 0 when nothing was added since construction or clear().
     int count() const { return count_; }
     // Empties the set.
@@ -52,6 +64,9 @@ public:
 
 private:
     friend int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
+    // Inline above: the library asks every module's descriptors on every turn.
+    void grow(std::size_t word);
+    bool existedWhenFilled(int fd) const;
     static constexpr std::uint64_t kNotFilled = ~std::uint64_t{0};
 
     std::vector<std::uint64_t> bits_;

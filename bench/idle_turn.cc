@@ -1,0 +1,74 @@
+// What an idle module costs the host's loop on every turn: the library's
+// addFds, handleInput and handleOutput for N modules whose programs, clients
+// and bus are quiet, alone ("library") and with the wait between them
+// ("turn": waitFds with a time-out of 0 on the sets the modules filled, which
+// finds nothing ready). Reports the time per module and the allocations per
+// turn ("allocs"). The modules connect to the bus on the fixed port; run
+//   tests/sandbox/nxa-sandbox --broker -- <build>/bench/idle_turn_bench
+#include <benchmark/benchmark.h>
+#include <vlplatform/fd_set.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "nxaclient.h"
+#include "peers_alloc_counter.h"
+
+namespace {
+
+constexpr unsigned short kFirstPort = 20100;
+
+// A facade with `count` configured modules (no program started: nothing of
+// them is ready, as for a module whose program is idle).
+std::unique_ptr<NXAClient> clientWith(long count) {
+    auto client = std::make_unique<NXAClient>("/var/opt/velmora", "/var/opt/velmora/nxa",
+                                              "/var/opt/velmora/work", 0, kFirstPort,
+                                              static_cast<unsigned long>(count), "", 0);
+    std::vector<std::string> names;
+    for (long i = 0; i < count; ++i) names.push_back("idle" + std::to_string(i));
+    client->modules.configure(names);
+    return client;
+}
+
+void report(benchmark::State& state, long allocs) {
+    state.counters["allocs"] =
+        benchmark::Counter(static_cast<double>(allocs), benchmark::Counter::kAvgIterations);
+    state.counters["per_module"] = benchmark::Counter(
+        static_cast<double>(state.iterations() * state.range(0)),
+        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_IdleLibrary(benchmark::State& state) {
+    auto client = clientWith(state.range(0));
+    FdSet rd, wr, none, noneWr;
+    long before = allocations;
+    for (auto _ : state) {
+        rd.clear();
+        wr.clear();
+        client->addFds(rd, wr);
+        client->handleInput(none);
+        client->handleOutput(noneWr);
+    }
+    report(state, allocations - before);
+}
+BENCHMARK(BM_IdleLibrary)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
+
+void BM_IdleTurn(benchmark::State& state) {
+    auto client = clientWith(state.range(0));
+    FdSet rd, wr;
+    long before = allocations;
+    for (auto _ : state) {
+        rd.clear();
+        wr.clear();
+        client->addFds(rd, wr);
+        waitFds(rd, wr, 0);
+        client->handleInput(rd);
+        client->handleOutput(wr);
+    }
+    report(state, allocations - before);
+}
+BENCHMARK(BM_IdleTurn)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
+
+}  // namespace
+BENCHMARK_MAIN();
