@@ -31,7 +31,9 @@ if grep -q '^ *[0-9]*: 0100007F:4E2A 00000000:0000 0A\|^ *[0-9]*: 00000000:4E2A 
     echo "== a broker already listens on port 20010; using it"
 else
     echo "== start a local broker on 127.0.0.1:20010"
-    mosquitto -c share/nxa/mosquitto.conf &
+    # Every module holds a bus connection: the broker gets all the descriptors
+    # it may have, not the shell's soft limit (often 1024).
+    (ulimit -n "$(ulimit -Hn)" && exec mosquitto -c share/nxa/mosquitto.conf) &
     broker_pid=$!
     for _ in $(seq 500); do
         grep -q '^ *[0-9]*: 0100007F:4E2A 00000000:0000 0A' /proc/net/tcp && break
