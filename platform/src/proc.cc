@@ -71,6 +71,20 @@ void Proc::stop(pid_t pid) {
     children_.erase(pid);
 }
 
+void Proc::stopAll() {
+    for (pid_t pid : children_) signalChild(pid, SIGTERM);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(stopGraceMs);
+    auto pause = std::chrono::milliseconds(1);
+    for (;;) {
+        waitChildren(false, nullptr);
+        if (children_.empty() || std::chrono::steady_clock::now() >= deadline) break;
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::milliseconds(20));
+    }
+    for (pid_t pid : children_) signalChild(pid, SIGKILL);
+    waitChildren(true, nullptr);
+}
+
 void Proc::waitChildren(bool wait, std::set<int>* ended) {
     for (auto it = children_.begin(); it != children_.end();) {
         pid_t pid = *it;

@@ -13,6 +13,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include <vector>
+
 #include "shell.h"
 
 namespace {
@@ -362,4 +364,38 @@ TEST(Proc, StopEndsChildThatHasNoGroupOfItsOwn) {
     proc.stop(pid);
     EXPECT_LT(msSince(start), Proc::stopGraceMs);
     EXPECT_TRUE(isReaped(pid));
+}
+
+TEST(Proc, StopAllEndsChildrenIgnoringSigtermInOneGraceTime) {
+    Proc proc(getpid());
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 4; ++i) {
+        Pipe ready;
+        pid_t pid = spawn(proc, [&] { sessionLeaderThatWaits(ready, true); });
+        ASSERT_EQ(ready.receive(), pid);
+        pids.push_back(pid);
+    }
+    auto start = Clock::now();
+    proc.stopAll();
+    long long elapsed = msSince(start);
+    EXPECT_GE(elapsed, Proc::stopGraceMs);
+    // Four stops one after another would take four grace times.
+    EXPECT_LT(elapsed, 3 * Proc::stopGraceMs) << "each child had a grace time of its own";
+    EXPECT_TRUE(proc.children().empty());
+    for (pid_t pid : pids) EXPECT_TRUE(isReaped(pid));
+}
+
+TEST(Proc, StopAllEndsChildrenThatObeySigtermAtOnce) {
+    Proc proc(getpid());
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 3; ++i) {
+        Pipe ready;
+        pid_t pid = spawn(proc, [&] { sessionLeaderThatWaits(ready, false); });
+        ASSERT_EQ(ready.receive(), pid);
+        pids.push_back(pid);
+    }
+    proc.stopAll();
+    EXPECT_TRUE(proc.children().empty());
+    for (pid_t pid : pids) EXPECT_TRUE(isReaped(pid));
+    proc.stop(pids[0]);  // no longer recorded: nothing happens
 }

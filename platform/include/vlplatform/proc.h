@@ -28,6 +28,13 @@ public:
     // not a recorded child.
     void stop(pid_t pid);
 
+    // Ends every recorded child together, as stop() ends one: SIGTERM to each
+    // child and its group first, then one wait of at most the grace time for
+    // all of them, then SIGKILL to those left, which are reaped. Stopping many
+    // children thus takes one grace time, not one each. children() is empty
+    // afterwards.
+    void stopAll();
+
     // Reaps every recorded child that has ended, removes it from children() and
     // adds its id to *ended (when ended is not null). With wait false it never
     // waits for a child that is still running; with wait true it waits until every
