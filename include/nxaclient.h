@@ -9,6 +9,7 @@
 // output: "[LEVEL] Component::function() message".
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <initializer_list>
 #include <map>
@@ -74,14 +75,33 @@ public:
         std::string const& getId() const { return id; }
         std::deque<bufblock_t> const& getQueue() const { return queue; }
 
+        // What became of the output pushed to this consumer, in bytes unless
+        // named otherwise. At every moment delivered + lost + queued (queuedBytes())
+        // equals pushed. The seed from the run log counts as pushed.
+        struct Counters {
+            unsigned long long pushed = 0;
+            unsigned long long delivered = 0;     // written to the client, sent on the bus, moved out of the run log
+            unsigned long long lostChunks = 0;    // dropped by the queue bound
+            unsigned long long lostBytes = 0;     // what those chunks held that had not been delivered
+        };
+        Counters const& getCounters() const { return counters; }
+        // The bytes queued and not yet delivered (a partly delivered front block counts its rest).
+        unsigned long long queuedBytes() const;
+        // When the peer was made.
+        std::chrono::steady_clock::time_point getAttachedAt() const { return attachedAt; }
+
     protected:
         // Starts the queue as a copy of the module's run-log queue, so a new
         // consumer first receives the module's most recent output.
         void seedFromRunLog();
+        // Counts n bytes of the front block as delivered (the kinds call it as they deliver).
+        void countDelivered(unsigned long long n) { counters.delivered += n; }
 
         Module const& module;
         std::string id;
         std::deque<bufblock_t> queue;
+        Counters counters;
+        std::chrono::steady_clock::time_point attachedAt;
 
         friend struct ::NXATestAccess;
     };
@@ -120,6 +140,8 @@ public:
         // The peer with this id, or null.
         Peer* find(std::string const& id) const;
         std::size_t size() const { return peers.size(); }
+        // Every peer, in id order.
+        std::vector<Peer const*> getPeers() const;
 
     private:
         Module const& module;
@@ -251,6 +273,51 @@ public:
         // The run-log peer, or null once it has been erased from the peer set.
         PeerLog* getRunLogPeer() const;
 
+        // --- Supervision by a host that runs unattended ---
+
+        // The process id of the program's child; -1 before run() and after stop().
+        pid_t getChildPid() const { return childpid; }
+        // Starts the program again on a fresh terminal, keeping everything else:
+        // the listening socket, every peer (clients and subscribers stay
+        // attached and receive the new program's output) and the bus
+        // connection. The old child, if any, is stopped first (as stop() does,
+        // reaped, also when it has ended already); input typed for it and not
+        // yet written is dropped. Then the new terminal pair is opened and the
+        // child forked as by run(), and the module announces "running" to
+        // "VLPBusServer". Throws IOException "cannot open PTY pair" (the module
+        // then has no terminal and no child until the next restart) and what
+        // run() throws, which in the forked child must be handled as after run().
+        void restart();
+        // Sends the state `state` (one of VLPBus::statusNames) to "VLPBusServer"
+        // over the module's bus connection, as construction sends "running".
+        // Nothing when the connection is down.
+        void announce(std::string const& state) const;
+        // Whether the module's bus connection is up.
+        bool busConnected() const;
+        // One attempt to connect the module's bus connection again when it is
+        // down (a broker that went away and came back), waiting at most the bus
+        // client's connect wait; the subscribers are kept and receive output
+        // again once it is up, and the module announces "running" again.
+        // Returns whether it is up. Nothing happens when it is up already.
+        bool reconnectBus();
+
+        // One consumer of the module's output, as seen now.
+        struct Consumer {
+            std::string id;       // the peer's id: "client" (the run log), "telnet:<fd>", or a bus name
+            std::string kind;     // "log", "tcp" or "bus"
+            std::string address;  // a TCP client's address and port; empty for the others
+            Peer::Counters counters;
+            unsigned long long queuedChunks;
+            unsigned long long queuedBytes;
+            std::chrono::steady_clock::time_point attachedAt;
+        };
+        // Every consumer, in id order.
+        std::vector<Consumer> getConsumers() const;
+        // Detaches the TCP client or bus subscriber `id` (its connection is
+        // closed). False, and nothing changes, for an id that is not attached
+        // and for "client", the run log, which is no client.
+        bool detach(std::string const& id);
+
     private:
         void openListeningSocket(unsigned short port);
         void bindAndListen(unsigned short port);
@@ -307,6 +374,17 @@ public:
         void run();
         // Destroys every module (ending its child) and empties the list.
         void stop();
+
+        // The module called `name`, or null.
+        Module* find(std::string const& name) const;
+        // Every module, in configuration order.
+        std::vector<Module*> getModules() const;
+        // Ends every module's program together: each gets SIGTERM at once, and
+        // they share one grace time before SIGKILL (see Proc::stopAll), so
+        // stopping many programs takes as long as stopping one. The modules
+        // themselves stay; stop() and the destructor then have no child left
+        // to wait for.
+        void stopPrograms();
 
         void addFds(FdSet& rd, FdSet& wr) const;
         void handleInput(FdSet const& rd) const;

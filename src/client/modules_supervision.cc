@@ -35,6 +35,24 @@ NXAClient::Modules::~Modules() {
     NXA_DEBUG(kModules, "pid=", getpid(), " done");
 }
 
+NXAClient::Module* NXAClient::Modules::find(std::string const& name) const {
+    for (auto const& module : list) {
+        if (module->getName() == name) return module.get();
+    }
+    return nullptr;
+}
+
+std::vector<NXAClient::Module*> NXAClient::Modules::getModules() const {
+    std::vector<Module*> all;
+    all.reserve(list.size());
+    for (auto const& module : list) all.push_back(module.get());
+    return all;
+}
+
+void NXAClient::Modules::stopPrograms() {
+    proc.stopAll();
+}
+
 void NXAClient::Modules::addFds(FdSet& rd, FdSet& wr) const {
     for (auto const& module : list) module->addFds(rd, wr);
 }

@@ -21,6 +21,7 @@ void NXAClient::PeerLog::move(std::string& out) {
     out.reserve(total);
     while (!queue.empty()) {
         out += queue.front().data->bytes;
+        countDelivered(queue.front().data->bytes.size());
         queue.pop_front();
     }
 }

@@ -71,5 +71,6 @@ void NXAClient::PeerTelnet::write(FdSet const& wr) {
         throw VLException("EOF on " + id);
     }
     front.offset += static_cast<unsigned long long>(n);
+    countDelivered(static_cast<unsigned long long>(n));
     if (front.offset >= bytes.size()) queue.pop_front();
 }

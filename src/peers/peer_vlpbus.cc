@@ -41,5 +41,6 @@ void NXAClient::PeerVLPBus::write(FdSet const& wr) {
     msg->stripNullChar();
     bus->sendTo("NXAModule_" + module.getName(), id, std::move(msg));
     // Only once sent: when sendTo throws, the chunk is tried again next cycle.
+    countDelivered(queue.front().data->bytes.size() - queue.front().offset);
     queue.pop_front();
 }

@@ -87,3 +87,10 @@ NXAClient::Peer* NXAClient::Peers::find(std::string const& id) const {
     auto it = peers.find(id);
     return it == peers.end() ? nullptr : it->second.get();
 }
+
+std::vector<NXAClient::Peer const*> NXAClient::Peers::getPeers() const {
+    std::vector<Peer const*> all;
+    all.reserve(peers.size());
+    for (auto const& entry : peers) all.push_back(entry.second.get());
+    return all;
+}

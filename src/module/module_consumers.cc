@@ -1,0 +1,55 @@
+// NXAClient::Module: its consumers as an operator sees them, and detaching one.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "nxaclient.h"
+
+namespace {
+
+constexpr char kRunLogId[] = "client";
+constexpr char kTelnetPrefix[] = "telnet:";
+
+bool isTelnet(std::string const& id) { return id.compare(0, sizeof kTelnetPrefix - 1, kTelnetPrefix) == 0; }
+
+// "a.b.c.d:port" of the peer connected to the telnet id's descriptor; empty when unknown.
+std::string peerAddress(std::string const& id) {
+    int fd = -1;
+    try {
+        fd = std::stoi(id.substr(sizeof kTelnetPrefix - 1));
+    } catch (...) {
+        return {};
+    }
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || addr.sin_family != AF_INET) return {};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
+    return std::string(text) + ":" + std::to_string(ntohs(addr.sin_port));
+}
+
+}  // namespace
+
+std::vector<NXAClient::Module::Consumer> NXAClient::Module::getConsumers() const {
+    std::vector<Consumer> out;
+    for (Peer const* each : peers.getPeers()) {
+        Peer const& peer = *each;
+        Consumer c;
+        c.id = peer.getId();
+        bool const log = &peer == getRunLogPeer();
+        c.kind = log ? "log" : dynamic_cast<PeerTelnet const*>(&peer) ? "tcp" : "bus";
+        c.address = c.kind == "tcp" && isTelnet(c.id) ? peerAddress(c.id) : std::string();
+        c.counters = peer.getCounters();
+        c.queuedChunks = peer.getQueue().size();
+        c.queuedBytes = peer.queuedBytes();
+        c.attachedAt = peer.getAttachedAt();
+        out.push_back(std::move(c));
+    }
+    return out;
+}
+
+bool NXAClient::Module::detach(std::string const& id) {
+    if (id == kRunLogId || peers.find(id) == nullptr) return false;
+    peers.erase(id);
+    return true;
+}

@@ -1,0 +1,43 @@
+// NXAClient::Module: what a host that runs unattended adds to the module's
+// life: starting the program again, the module's state on the bus, and its
+// bus connection after the broker came back.
+#include <vlplatform/messages.h>
+
+#include "nxaclient.h"
+
+namespace {
+
+constexpr char kBusServer[] = "VLPBusServer";
+
+}  // namespace
+
+void NXAClient::Module::restart() {
+    if (childpid != -1) {
+        proc.stop(childpid);
+        childpid = -1;
+    }
+    closeTerminal();
+    bufConn2Child.clear();
+    openTerminal();
+    run();
+    announceOnBus();
+}
+
+void NXAClient::Module::announce(std::string const& state) const {
+    if (!busConnected()) return;
+    SystemSetStateVlpBusMessage message(state, "", 0);
+    bus->sendTo(bus->name(), kBusServer, message.clone());
+}
+
+bool NXAClient::Module::busConnected() const {
+    return bus != nullptr && bus->isConnected();
+}
+
+bool NXAClient::Module::reconnectBus() {
+    if (bus == nullptr) return false;
+    if (bus->isConnected()) return true;
+    bus->connectToServer();
+    if (!bus->isConnected()) return false;
+    announceOnBus();
+    return true;
+}
