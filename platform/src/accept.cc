@@ -5,9 +5,12 @@
 // connection is taken off the queue with one and closed, so that its
 // listening socket stops being ready.
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <mutex>
@@ -22,6 +25,7 @@ namespace {
 std::mutex reserveLock;
 std::vector<int> reserve;
 std::atomic<unsigned long> refused{0};
+std::atomic<unsigned> connectionTimeout{0};
 
 // Opens reserve descriptors until there are acceptReserveSize of them, or none can be opened.
 void topUpReserve() {
@@ -62,7 +66,26 @@ void makeNonBlocking(int fd) {
     if (flags != -1 && !(flags & O_NONBLOCK)) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
+void setOption(int fd, int level, int name, int value) {
+    setsockopt(fd, level, name, &value, sizeof value);
+}
+
+// Keep-alive probes from half the time-out on, three of them, a sixth of it
+// apart: a silent peer is given up after about the time-out, as is unacknowledged output.
+void applyTimeout(int fd) {
+    unsigned const seconds = connectionTimeout.load();
+    if (seconds == 0) return;
+    int const idle = static_cast<int>(std::max(1u, seconds / 2));
+    int const interval = static_cast<int>(std::max(1u, seconds / 6));
+    setOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, idle);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, interval);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
+    setOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(seconds * 1000));
+}
+
 int admitted(int connection, int listener) {
+    applyTimeout(connection);
     noteDescriptorOpened(connection);
     vlp::accepted::noteAccepted(connection, listener);
     return connection;
@@ -87,6 +110,10 @@ int acceptClient(int fd, sockaddr* addr, socklen_t* len) {
     topUpReserve();
     errno = err;
     return -1;
+}
+
+void setAcceptedConnectionTimeout(unsigned seconds) {
+    connectionTimeout.store(seconds);
 }
 
 unsigned long refusedConnections() {

@@ -73,6 +73,10 @@ VLPBusClient::~VLPBusClient() {
     disconnectFromServer();
 }
 
+void VLPBusClient::setMaxPacketBytes(unsigned bytes) {
+    impl_->options.maxPacketBytes = bytes;
+}
+
 void VLPBusClient::setup() {
     impl_->attempt();
 }

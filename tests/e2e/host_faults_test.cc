@@ -31,14 +31,16 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
                     writeModule(sources(), "second", "noarch", "printf 'second ready\\n'; exec sleep 1000"),
                     writeModule(sources(), "third", "noarch", "printf 'third ready\\n'; exec sleep 1000")});
     // The second child forked (the second module's) cannot become a session leader.
-    HostProcess host({"first", "second", "third"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_SETSID=2"});
+    HostProcess host({"--restart", "never", "first", "second", "third"},
+                     {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_SETSID=2"});
     ASSERT_TRUE(waitRunning(host, {{"first", 20100}, {"second", 20101}, {"third", 20102}})) << describe(host);
 
     // The copy writes its line to its standard output, which is still the
     // host's, and ends with status 1, which the host reports.
     std::string const failed = "[ERROR] nxahost: cannot set session leader: Operation not permitted";
     ASSERT_TRUE(host.waitForLine(failed)) << describe(host);
-    std::string const ended = "[WARNING] nxahost: module program nxahost (pid #) has ended: exit status 1";
+    std::string const ended =
+        "[WARNING] nxahost: module program second (pid #) has ended: exit status 1; not restarted";
     ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), ended) == 1; }, kPatience))
         << describe(host);
 
@@ -87,16 +89,20 @@ TEST(HostFaults, ForkedCopyFailingAfterItsOutputWentToTheTerminalWritesItsLineTh
                     writeModule(sources(), "second", "noarch", "printf 'second ready\\n'; exec sleep 1000")});
     // In the first module's child, standard output already is the terminal
     // when standard error cannot be replaced.
-    HostProcess host({"first", "second"}, {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_DUP2_STDERR=1"});
+    HostProcess host({"--restart", "never", "first", "second"},
+                     {"LD_PRELOAD=" + faultPreload(), "NXA_E2E_FAIL_DUP2_STDERR=1"});
     ASSERT_TRUE(waitRunning(host, {{"first", 20100}, {"second", 20101}})) << describe(host);
     std::string const failed =
         "[ERROR] nxahost: cannot replace stdin/stdout/stderr of NXA child: Device or resource busy\n";
     Background first(ncCommand(20100));
     ASSERT_TRUE(first.waitFor(failed)) << first.output();
-    EXPECT_EQ(first.output(), failed);
-    std::string const ended = "[WARNING] nxahost: module program nxahost (pid #) has ended: exit status 1";
+    std::string const ended =
+        "[WARNING] nxahost: module program first (pid #) has ended: exit status 1; not restarted";
     ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), ended) == 1; }, kPatience))
         << describe(host);
+    // After the copy's line, the host's notice to the module's clients.
+    EXPECT_TRUE(first.waitFor("[nxahost] program ended: exit status 1; not restarted\n")) << first.output();
+    EXPECT_EQ(first.output(), failed + "[nxahost] program ended: exit status 1; not restarted\n");
     Background second(ncCommand(20101));
     EXPECT_TRUE(second.waitFor("second ready\n")) << second.output();
 

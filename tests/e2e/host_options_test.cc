@@ -31,8 +31,9 @@ TEST(HostOptions, HelpDescribesEveryOptionWithItsDefaultAndExitsZero) {
          {"--package-dir DIR", "(default /var/opt/velmora)", "--modules-dir DIR",
           "(default /var/opt/velmora/nxa;", "--work-dir DIR", "(default /var/opt/velmora/work)", "--port N",
           "(default 20100)", "--max-modules N", "(default 16)", "--debug N", "(default 0)", "--bus-name NAME",
-          "(default NXAHost)", "--help", "INT and TERM stop the modules and exit 0",
-          "USR1 prints the run log", "HUP stops", "127.0.0.1:20010"}) {
+          "(default NXAHost)", "--restart WHEN", "(default on-failure)", "--client-timeout S", "(default 60)",
+          "--help", "INT and TERM stop the modules and exit 0", "USR1 prints the run log",
+          "HUP checks the\npackage and the broker", "127.0.0.1:20010"}) {
         EXPECT_NE(help.find(text), std::string::npos) << "missing: " << text << "\n" << help;
     }
     EXPECT_EQ(host.err(), "");

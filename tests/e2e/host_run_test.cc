@@ -280,23 +280,26 @@ TEST(HostRun, ModuleProgramThatEndsOnItsOwnIsReportedOnce) {
     NXA_REQUIRE_SANDBOX();
     installPackage({writeModule(sources(), "quick", "noarch", "printf 'bye\\n'; exit 3"),
                     writeModule(sources(), "later", "noarch", "printf 'ready\\n'; read -r line; exit 5")});
-    HostProcess host({"quick", "later"});
+    HostProcess host({"--restart", "never", "quick", "later"});
     ASSERT_TRUE(waitRunning(host, {{"quick", 20100}, {"later", 20101}})) << describe(host);
-    std::string const quickEnded = "[WARNING] nxahost: module program quick (pid #) has ended: exit status 3";
+    std::string const quickEnded =
+        "[WARNING] nxahost: module program quick (pid #) has ended: exit status 3; not restarted";
     ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), quickEnded) > 0; }, kPatience))
         << describe(host);
 
     Background nc(ncCommand(20101), true);
     ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
     nc.send("end now\n");
-    std::string const laterEnded = "[WARNING] nxahost: module program later (pid #) has ended: exit status 5";
+    std::string const laterEnded =
+        "[WARNING] nxahost: module program later (pid #) has ended: exit status 5; not restarted";
     ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(host.out(), laterEnded) > 0; }, kPatience))
         << describe(host);
     // Another child's end does not repeat the first report.
     EXPECT_EQ(countMatchingLines(host.out(), quickEnded), 1) << describe(host);
     // The ended program's last output stays with the module.
     Background quickClient(ncCommand(20100));
-    EXPECT_TRUE(quickClient.waitFor("bye\n")) << quickClient.output();
+    EXPECT_TRUE(quickClient.waitFor("bye\n[nxahost] program ended: exit status 3; not restarted\n"))
+        << quickClient.output();
     EXPECT_TRUE(host.running());
 }
 

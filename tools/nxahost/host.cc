@@ -1,26 +1,24 @@
 #include "host.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 #include <vlplatform/descriptors.h>
 #include <vlplatform/net.h>
 
-#include <cerrno>
 #include <exception>
 #include <string>
 
 #include "host_log.h"
 #include "module_groups.h"
 #include "module_ports.h"
+#include "package_check.h"
 
 namespace {
 
 constexpr unsigned short kBusPort = 20010;
-constexpr int kReconnectMs = 1000;
-// Connections refused for lack of descriptors are summed up at most this often.
-constexpr std::chrono::seconds kRefusalReportEvery{1};
 // How long a reload waits for the stopped module programs' groups to go.
 constexpr std::chrono::milliseconds kGroupsGoneLimit{3000};
+// Room for the topic and properties besides a message's text.
+constexpr unsigned kBusPacketRoom = 4096;
 
 }  // namespace
 
@@ -36,11 +34,15 @@ Host::Host(HostOptions options)
       hostPid_(getpid()),
       client_(options_.packageDir.c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
-      bus_("", kBusPort, options_.busName) {
+      bus_("", kBusPort, options_.busName),
+      supervisor_(client_, options_.restart, hostPid_) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
+    setAcceptedConnectionTimeout(options_.clientTimeout);
+    bus_.setMaxPacketBytes(kMaxBusMessage + kBusPacketRoom);
     bus_.setup();
-    lastBusAttempt_ = std::chrono::steady_clock::now();
+    lastBusAttempt_ = Clock::now();
+    lastModuleBusCheck_ = lastBusAttempt_;
 }
 
 int Host::run() {
@@ -50,16 +52,21 @@ int Host::run() {
     reportModules();
     while (!stopping_) turn();
     hostLog(kHostInfo, "stopping");
-    client_.stop();
+    stopModules();
     return 0;
 }
 
-// The modules' children are forked inside run(): an exception thrown in a
+void Host::startModules() {
+    asHostOnly([this] { client_.run(); });
+    supervisor_.startedAll(Clock::now());
+}
+
+// The modules' children are forked inside `step`: an exception thrown in a
 // child's copy must end that copy here, before the copy unwinds into the
 // host's own objects (whose destructors would stop the real host's children).
-void Host::startModules() {
+void Host::asHostOnly(std::function<void()> const& step) {
     try {
-        client_.run();
+        step();
     } catch (std::exception const& e) {
         if (getpid() != hostPid_) endForkedCopy(e.what());
         throw;
@@ -85,81 +92,15 @@ void Host::reportModules() {
     if (bus_.isConnected()) hostLog(kHostInfo, "bus name ", options_.busName);
 }
 
-void Host::turn() {
-    if (!waitForEvents()) return;
-    serveModules();
-    serveOwnBus();
-    keepOwnBusConnected();
-    reportRefusedConnections();
-    // A signal's arrival makes the pipe readable; only then is it worth reading.
-    if (rd_.isSet(signals_.fd())) reactToSignals();
-}
-
-bool Host::waitForEvents() {
-    rd_.clear();
-    wr_.clear();
-    client_.addFds(rd_, wr_);
-    rd_.add(signals_.fd());
-    rd_.add(bus_.fd());
-    // Woken to retry the bus, or to report refused connections not yet told.
-    bool const idle = bus_.isConnected() && refusedConnections() == refusedSeen_;
-    int const timeout = idle ? -1 : kReconnectMs;
-    if (waitFds(rd_, wr_, timeout) >= 0) return true;
-    if (errno == EINTR) {
-        reactToSignals();
-        return false;
-    }
-    throw IOException(errno, "cannot wait for descriptors");
-}
-
-void Host::serveModules() {
-    try {
-        client_.handleInput(rd_);
-        client_.handleOutput(wr_);
-        failures_.served(std::chrono::steady_clock::now());
-    } catch (std::exception const& e) {
-        // The error that ends the host leaves run() and is reported by the caller.
-        if (failures_.failed(e, std::chrono::steady_clock::now())) throw;
-    }
-}
-
-void Host::serveOwnBus() {
-    int const fd = bus_.fd();
-    if (fd < 0 || !rd_.isSet(fd)) return;
-    if (!bus_.read()) hostLog(kHostWarning, "the bus broker has gone; reconnecting");
-    while (std::unique_ptr<MessageBase> msg = bus_.getMessage()) {
-        if (auto const* routed = dynamic_cast<RouterMessage const*>(msg.get())) client_.handle(*routed);
-    }
-}
-
-void Host::keepOwnBusConnected() {
-    if (bus_.isConnected()) return;
-    auto const now = std::chrono::steady_clock::now();
-    if (now - lastBusAttempt_ < std::chrono::milliseconds(kReconnectMs)) return;
-    lastBusAttempt_ = now;
-    bus_.connectToServer();
-    if (bus_.isConnected()) hostLog(kHostInfo, "bus connection established as ", options_.busName);
-}
-
-// The library is told of a refused connection as an accept that failed; the
-// reason, and how many, are said here, at most once a second.
-void Host::reportRefusedConnections() {
-    unsigned long const refused = refusedConnections();
-    if (refused == refusedSeen_) return;
-    auto const now = std::chrono::steady_clock::now();
-    if (now - lastRefusalReport_ < kRefusalReportEvery) return;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    unsigned long const count = refused - refusedSeen_;
-    hostLog(kHostWarning, "refused ", count, " connection", count == 1 ? "" : "s",
-            ": out of descriptors (the limit is ", limit.rlim_cur, ")");
-    refusedSeen_ = refused;
-    lastRefusalReport_ = now;
+// Every program is signalled at once; they share one grace time.
+void Host::stopModules() {
+    client_.modules.stopPrograms();
+    client_.stop();
 }
 
 void Host::reactToSignals() {
     unsigned const events = signals_.take();
-    if (events & HostSignals::kChildEnded) ended_.report();
+    if (events & HostSignals::kChildEnded) supervisor_.checkEnded(Clock::now());
     if (events & HostSignals::kDumpLog) printRunLog();
     if (events & HostSignals::kStop) {
         stopping_ = true;
@@ -177,10 +118,30 @@ void Host::printRunLog() {
     std::cout << kHostInfo << "nxahost: end of run log" << std::endl;
 }
 
+// The running modules are replaced only by a package that has every
+// configured module, and only while the broker answers.
 void Host::reload() {
     hostLog(kHostInfo, "reloading");
+    std::string const problem = reloadProblem();
+    if (!problem.empty()) {
+        hostLog(kHostError, "reload refused, the modules keep running: ", problem);
+        return;
+    }
+    replaceModules();
+}
+
+std::string Host::reloadProblem() {
+    if (!bus_.isConnected()) bus_.connectToServer();
+    if (!bus_.isConnected()) return "the bus broker on 127.0.0.1:20010 does not answer";
+    std::size_t const count = std::min<std::size_t>(options_.modules.size(), options_.maxModules);
+    std::vector<std::string> const modules(options_.modules.begin(), options_.modules.begin() + count);
+    return checkPackage(options_.packageDir + "/" + NXAClient::NXA_ZIP, modules,
+                        options_.packageDir + "/.nxahost-check");
+}
+
+void Host::replaceModules() {
     std::set<pid_t> const groups = childProcessGroups();
-    client_.stop();
+    stopModules();
     // The new modules bind the same ports.
     awaitProcessGroupsGone(groups, kGroupsGoneLimit);
     requireFreePorts(options_.modules, options_.maxModules, options_.port);

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,9 +12,9 @@
 #include <vlplatform/fd_set.h>
 #include <vlplatform/vlpbus_client.h>
 
-#include "ended_children.h"
 #include "host_signals.h"
 #include "options.h"
+#include "program_supervisor.h"
 #include "serve_failures.h"
 
 // Owns the library's facade and runs its loop until INT or TERM. Exceptions of
@@ -23,38 +25,57 @@
 // that copy at once with status 1, before anything of the host is unwound.
 class Host {
 public:
+    using Clock = std::chrono::steady_clock;
+
     explicit Host(HostOptions options);
 
     // Installs the package, starts the modules and serves them until a stop
     // signal; returns the exit status (0).
     int run();
 
+    // The host's own bus connection accepts messages up to this size: a text
+    // sent to it goes to every module's consumers.
+    static constexpr unsigned kMaxBusMessage = 64 * 1024;
+
 private:
+    // host.cc: starting, reloading, stopping.
     void startModules();
+    void asHostOnly(std::function<void()> const& step);
     void reportModules();
-    void turn();
-    bool waitForEvents();
-    void serveModules();
-    void serveOwnBus();
-    void keepOwnBusConnected();
-    void reportRefusedConnections();
+    void reload();
+    std::string reloadProblem();
+    void replaceModules();
+    void stopModules();
     void reactToSignals();
     void printRunLog();
-    void reload();
+
+    // host_turn.cc: one turn of the loop.
+    void turn();
+    bool waitForEvents();
+    int waitTimeoutMs(Clock::time_point now) const;
+    void serveModules();
+    void serveOwnBus();
+    void keepOwnBusConnected(Clock::time_point now);
+    void keepModuleBusesConnected(Clock::time_point now);
+    void reportRefusedConnections(Clock::time_point now);
 
     HostOptions options_;
     pid_t const hostPid_;
     HostSignals signals_;
     NXAClient client_;
     VLPBusClient bus_;
+    ProgramSupervisor supervisor_;
     FdSet rd_;
     FdSet wr_;
-    EndedChildren ended_;
     bool stopping_ = false;
     ServeFailures failures_;
-    std::chrono::steady_clock::time_point lastBusAttempt_;
+    Clock::time_point lastBusAttempt_;
+    // Module bus connections are checked at most once a second, and looked
+    // after every second while one is down.
+    bool moduleBusDown_ = false;
+    Clock::time_point lastModuleBusCheck_;
     unsigned long refusedSeen_ = 0;
-    std::chrono::steady_clock::time_point lastRefusalReport_;
+    Clock::time_point lastRefusalReport_;
 };
 
 // Ends a forked copy of the host after an exception: writes "[ERROR] nxahost: "

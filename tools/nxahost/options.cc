@@ -21,13 +21,30 @@ constexpr char kUsage[] =
     "  --debug N           trace level: 0 normal, 1 debug lines, 2 per-chunk detail (default 0)\n"
     "  --bus-name NAME     the host's own bus name; kind-34 text sent to it goes to every module\n"
     "                      (default NXAHost)\n"
+    "  --restart WHEN      start a module program that ended again: on-failure (a non-zero exit\n"
+    "                      status or a signal), always or never (default on-failure); the delay\n"
+    "                      starts at 1 s and doubles up to 60 s\n"
+    "  --client-timeout S  drop a TCP client whose machine or network vanished after about S\n"
+    "                      seconds (default 60)\n"
     "  --help              show this text and exit\n"
     "\n"
-    "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP stops,\n"
-    "reinstalls the package and starts the modules again.\n"
+    "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP checks the\n"
+    "package and the broker and, when both are fine, stops, reinstalls the package and starts\n"
+    "the modules again.\n"
     "The bus broker is expected on 127.0.0.1:20010.\n";
 
-enum Option { kPackageDir = 1, kModulesDir, kWorkDir, kPort, kMaxModules, kDebug, kBusName, kHelp };
+enum Option {
+    kPackageDir = 1,
+    kModulesDir,
+    kWorkDir,
+    kPort,
+    kMaxModules,
+    kDebug,
+    kBusName,
+    kRestart,
+    kClientTimeout,
+    kHelp
+};
 
 option const kOptions[] = {
     {"package-dir", required_argument, nullptr, kPackageDir},
@@ -37,6 +54,8 @@ option const kOptions[] = {
     {"max-modules", required_argument, nullptr, kMaxModules},
     {"debug", required_argument, nullptr, kDebug},
     {"bus-name", required_argument, nullptr, kBusName},
+    {"restart", required_argument, nullptr, kRestart},
+    {"client-timeout", required_argument, nullptr, kClientTimeout},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -50,6 +69,20 @@ bool parseNumber(char const* text, unsigned long low, unsigned long high, unsign
     if (errno != 0 || *end != '\0' || parsed < low || parsed > high) return false;
     value = static_cast<unsigned long>(parsed);
     return true;
+}
+
+bool parseRestart(std::string const& text, RestartPolicy& policy) {
+    if (text == "on-failure") policy = RestartPolicy::onFailure;
+    else if (text == "always") policy = RestartPolicy::always;
+    else if (text == "never") policy = RestartPolicy::never;
+    else return false;
+    return true;
+}
+
+// A module name is a folder below the modules directory: it must not be
+// empty, "." or "..", nor hold a "/".
+bool leavesTheModulesTree(std::string const& name) {
+    return name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos;
 }
 
 ParsedCommandLine usageError(std::string const& problem) {
@@ -87,6 +120,15 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
             if (!parseNumber(value, 0, ULONG_MAX, number)) return "--max-modules needs a whole number, not '" + std::string(value) + "'";
             options.maxModules = number;
             break;
+        case kRestart:
+            if (!parseRestart(value, options.restart))
+                return "--restart needs on-failure, always or never, not '" + std::string(value) + "'";
+            break;
+        case kClientTimeout:
+            if (!parseNumber(value, 1, 86400, number))
+                return "--client-timeout needs a number of seconds from 1 to 86400, not '" + std::string(value) + "'";
+            options.clientTimeout = static_cast<unsigned>(number);
+            break;
         case kDebug:
             if (!parseNumber(value, 0, UINT_MAX, number)) return "--debug needs a whole number, not '" + std::string(value) + "'";
             options.debug = static_cast<unsigned>(number);
@@ -113,7 +155,11 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
         std::string problem = applyOption(option, optarg, result.options);
         if (!problem.empty()) return usageError(problem);
     }
-    for (int i = optind; i < argc; ++i) result.options.modules.emplace_back(argv[i]);
+    for (int i = optind; i < argc; ++i) {
+        if (leavesTheModulesTree(argv[i]))
+            return usageError(std::string("module name '") + argv[i] + "' is empty, '.', '..' or holds a '/'");
+        result.options.modules.emplace_back(argv[i]);
+    }
     if (result.options.modules.empty()) return usageError("no module named");
     if (result.options.busName.empty()) return usageError("--bus-name must not be empty");
     result.run = true;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "program_supervisor.h"
+
 struct HostOptions {
     std::string packageDir = "/var/opt/velmora";
     std::string modulesDir = "/var/opt/velmora/nxa";
@@ -12,6 +14,8 @@ struct HostOptions {
     unsigned long maxModules = 16;
     unsigned debug = 0;
     std::string busName = "NXAHost";
+    RestartPolicy restart = RestartPolicy::onFailure;
+    unsigned clientTimeout = 60;
     std::vector<std::string> modules;
 };
 

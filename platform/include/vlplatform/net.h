@@ -45,6 +45,13 @@ inline constexpr unsigned acceptModestListener = 8;
 // listener's count to drop.
 int acceptClient(int fd, sockaddr* addr, socklen_t* len);
 
+// Makes acceptClient give every connection it accepts from now on TCP
+// keep-alive and TCP_USER_TIMEOUT, so that a client whose machine or network
+// vanished shows as a failed read or write (ETIMEDOUT) within about `seconds`,
+// also while output waits unacknowledged for it. 0 (the default) leaves the
+// system's settings.
+void setAcceptedConnectionTimeout(unsigned seconds);
+
 // How many connections acceptClient has taken off a queue and closed for lack
 // of descriptors, in this process so far.
 unsigned long refusedConnections();

@@ -48,6 +48,11 @@ public:
     VLPBusClient(VLPBusClient const&) = delete;
     VLPBusClient& operator=(VLPBusClient const&) = delete;
 
+    // Lowers (or raises) the largest incoming packet this client accepts, for
+    // the connections made from now on (default maxPacketBytes). A host that
+    // fans what it receives out to many modules keeps it small.
+    void setMaxPacketBytes(unsigned bytes);
+
     // Creates the MQTT client and tries once to connect and subscribe, waiting
     // at most connectWaitMs for the broker's answers. Leaves the client
     // unconnected when there is no broker or it does not answer in time. Nothing

@@ -1,0 +1,125 @@
+// One turn of the host's loop: wait, serve the modules, the host's own bus and
+// the bus connections that came back, report, react to signals, restart.
+#include <sys/resource.h>
+#include <vlplatform/net.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "host.h"
+#include "host_log.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kReconnectEvery{1000};
+// Connections refused for lack of descriptors are summed up at most this often.
+constexpr std::chrono::seconds kRefusalReportEvery{1};
+
+}  // namespace
+
+void Host::turn() {
+    if (!waitForEvents()) return;
+    serveModules();
+    serveOwnBus();
+    auto const now = Clock::now();
+    keepOwnBusConnected(now);
+    keepModuleBusesConnected(now);
+    reportRefusedConnections(now);
+    // A signal's arrival makes the pipe readable; only then is it worth reading.
+    if (rd_.isSet(signals_.fd())) reactToSignals();
+    asHostOnly([this] { supervisor_.restartDue(Clock::now()); });
+}
+
+bool Host::waitForEvents() {
+    rd_.clear();
+    wr_.clear();
+    client_.addFds(rd_, wr_);
+    rd_.add(signals_.fd());
+    rd_.add(bus_.fd());
+    if (waitFds(rd_, wr_, waitTimeoutMs(Clock::now())) >= 0) return true;
+    if (errno == EINTR) {
+        reactToSignals();
+        return false;
+    }
+    throw IOException(errno, "cannot wait for descriptors");
+}
+
+// An idle host waits without a time-out; it wakes up by itself only for work
+// it has pending: a bus connection to make again, refused connections to
+// report, a program to start again.
+int Host::waitTimeoutMs(Clock::time_point now) const {
+    long long timeout = -1;
+    auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
+    if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
+    if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
+    if (auto due = supervisor_.nextDue()) {
+        sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
+    }
+    return static_cast<int>(timeout);
+}
+
+void Host::serveModules() {
+    try {
+        client_.handleInput(rd_);
+        client_.handleOutput(wr_);
+        failures_.served(Clock::now());
+    } catch (std::exception const& e) {
+        // The error that ends the host leaves run() and is reported by the caller.
+        if (failures_.failed(e, Clock::now())) throw;
+    }
+}
+
+void Host::serveOwnBus() {
+    int const fd = bus_.fd();
+    if (fd < 0 || !rd_.isSet(fd)) return;
+    if (!bus_.read()) {
+        hostLog(kHostWarning, "the bus broker has gone; reconnecting");
+        // The modules' connections went with it.
+        moduleBusDown_ = true;
+    }
+    while (std::unique_ptr<MessageBase> msg = bus_.getMessage()) {
+        if (auto const* routed = dynamic_cast<RouterMessage const*>(msg.get())) client_.handle(*routed);
+    }
+}
+
+void Host::keepOwnBusConnected(Clock::time_point now) {
+    if (bus_.isConnected()) return;
+    if (now - lastBusAttempt_ < kReconnectEvery) return;
+    lastBusAttempt_ = now;
+    bus_.connectToServer();
+    if (bus_.isConnected()) hostLog(kHostInfo, "bus connection established as ", options_.busName);
+}
+
+// Once a second at most: every module whose bus connection is down tries
+// again, until the first attempt that fails (the broker is still away).
+void Host::keepModuleBusesConnected(Clock::time_point now) {
+    if (now - lastModuleBusCheck_ < kReconnectEvery) return;
+    lastModuleBusCheck_ = now;
+    bool down = false;
+    bool brokerAway = false;
+    for (NXAClient::Module* module : client_.modules.getModules()) {
+        if (module->busConnected()) continue;
+        if (!brokerAway && module->reconnectBus()) {
+            hostLog(kHostInfo, "module ", module->getName(), ": bus connection established again");
+            continue;
+        }
+        brokerAway = true;
+        down = true;
+    }
+    moduleBusDown_ = down;
+}
+
+// The library is told of a refused connection as an accept that failed; the
+// reason, and how many, are said here, at most once a second.
+void Host::reportRefusedConnections(Clock::time_point now) {
+    unsigned long const refused = refusedConnections();
+    if (refused == refusedSeen_) return;
+    if (now - lastRefusalReport_ < kRefusalReportEvery) return;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    unsigned long const count = refused - refusedSeen_;
+    hostLog(kHostWarning, "refused ", count, " connection", count == 1 ? "" : "s",
+            ": out of descriptors (the limit is ", limit.rlim_cur, ")");
+    refusedSeen_ = refused;
+    lastRefusalReport_ = now;
+}

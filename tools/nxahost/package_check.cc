@@ -1,0 +1,47 @@
+#include "package_check.h"
+
+#include <sys/stat.h>
+
+#include <exception>
+#include <vlplatform/fs.h>
+#include <vlplatform/ini_parser.h>
+#include <vlplatform/zipper.h>
+
+namespace {
+
+std::string checkModule(std::string const& name, std::string const& unpacked, std::string const& modules) {
+    std::string const archive = unpacked + "/" + name + ".zip";
+    struct stat info {};
+    if (stat(archive.c_str(), &info) != 0) return "the package holds no module " + name;
+    std::string const folder = modules + "/" + name;
+    if (zipper::unZipWithDirs(archive, folder, "") == -1) return "module " + name + " cannot be unpacked";
+    try {
+        IniParser manifest(folder + "/Manifest", 0);
+    } catch (std::exception const&) {
+        return "module " + name + " has no readable Manifest";
+    }
+    return {};
+}
+
+std::string checkUnpacked(std::string const& package, std::vector<std::string> const& modules,
+                          std::string const& scratch) {
+    struct stat info {};
+    if (stat(package.c_str(), &info) != 0) return package + " does not exist";
+    std::string const unpacked = scratch + "/package";
+    if (zipper::unZipWithDirs(package, unpacked, "") == -1) return package + " cannot be unpacked";
+    for (std::string const& name : modules) {
+        std::string problem = checkModule(name, unpacked, scratch + "/modules");
+        if (!problem.empty()) return problem;
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string checkPackage(std::string const& package, std::vector<std::string> const& modules,
+                         std::string const& scratch) {
+    rmDir(scratch, true);
+    std::string problem = checkUnpacked(package, modules, scratch);
+    rmDir(scratch, true);
+    return problem;
+}

@@ -1,0 +1,14 @@
+// Whether a module package can replace the running modules.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Unpacks `package` into `scratch` (emptied first, removed afterwards) and
+// looks for every module of `modules` in it: an inner archive "<name>.zip"
+// that unpacks, holding a readable Manifest. Returns what is wrong, in words
+// ("/var/opt/velmora/nxa.zip cannot be unpacked", "the package holds no module
+// echo", ...), or an empty text when the package is fine. Never throws for a
+// bad package; the running modules are not touched.
+std::string checkPackage(std::string const& package, std::vector<std::string> const& modules,
+                         std::string const& scratch);

@@ -1,0 +1,155 @@
+#include "program_supervisor.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <vlplatform/messages.h>
+
+#include "host_log.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// VLPBus::statusNames: the state a module whose program has ended announces.
+constexpr std::size_t kStateStopped = 4;
+
+std::string seconds(milliseconds delay) {
+    long const whole = static_cast<long>((delay.count() + 500) / 1000);
+    return std::to_string(std::max(whole, 1L)) + " s";
+}
+
+// Sends `text` to the module's consumers as if its program had printed it.
+void tellConsumers(NXAClient::Module& module, std::string const& text) {
+    SystemMessage notice;
+    notice.setText(text);
+    module.handleInput(notice);
+}
+
+}  // namespace
+
+std::string endingOf(pid_t pid, bool& failed) {
+    siginfo_t info{};
+    if (pid <= 0 || waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        info.si_pid == 0) {
+        return {};
+    }
+    if (info.si_code == CLD_EXITED) {
+        failed = info.si_status != 0;
+        return "exit status " + std::to_string(info.si_status);
+    }
+    failed = true;
+    return "signal " + std::to_string(info.si_status);
+}
+
+ProgramSupervisor::ProgramSupervisor(NXAClient& client, RestartPolicy policy, pid_t hostPid)
+    : client_(client), policy_(policy), hostPid_(hostPid), random_(std::random_device{}()) {}
+
+void ProgramSupervisor::startedAll(Clock::time_point now) {
+    programs_.clear();
+    for (NXAClient::Module* module : client_.modules.getModules()) {
+        Program& program = programs_[module->getName()];
+        program.status.state = "running";
+        program.status.pid = module->getChildPid();
+        program.status.startedAt = now;
+    }
+}
+
+void ProgramSupervisor::checkEnded(Clock::time_point now) {
+    for (NXAClient::Module* module : client_.modules.getModules()) {
+        Program& program = programs_[module->getName()];
+        if (program.reported) continue;
+        bool failed = false;
+        std::string const how = endingOf(module->getChildPid(), failed);
+        if (!how.empty()) ended(*module, program, how, failed, now);
+    }
+}
+
+void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::string const& how, bool failed,
+                              Clock::time_point now) {
+    program.reported = true;
+    program.status.lastEnd = how;
+    std::string next = "not restarted";
+    if (wantsRestart(failed)) {
+        milliseconds const delay = delayFor(program, now);
+        program.status.state = "restarting";
+        program.status.restartAt = now + delay;
+        next = "restart in " + seconds(delay);
+    } else {
+        program.status.state = "ended";
+        program.status.restartAt.reset();
+    }
+    hostLog(kHostWarning, "module program ", module.getName(), " (pid ", module.getChildPid(), ") has ended: ", how,
+            "; ", next);
+    tellConsumers(module, "[nxahost] program ended: " + how + "; " + next + "\n");
+    module.announce(VLPBus::statusNames[kStateStopped]);
+}
+
+bool ProgramSupervisor::wantsRestart(bool failed) const {
+    return policy_ == RestartPolicy::always || (policy_ == RestartPolicy::onFailure && failed);
+}
+
+// Doubles from one restart to the next; a program that ran long enough starts over.
+milliseconds ProgramSupervisor::delayFor(Program& program, Clock::time_point now) {
+    if (now - program.status.startedAt >= kRunLongEnough) program.nextDelay = kFirstDelay;
+    milliseconds const base = program.nextDelay;
+    program.nextDelay = std::min<milliseconds>(base * 2, kLongestDelay);
+    std::uniform_int_distribution<long> jitter(0, static_cast<long>(base.count() / 5));
+    return base + milliseconds(jitter(random_));
+}
+
+void ProgramSupervisor::restartDue(Clock::time_point now) {
+    for (NXAClient::Module* module : client_.modules.getModules()) {
+        Program& program = programs_[module->getName()];
+        if (program.status.restartAt && *program.status.restartAt <= now) restart(*module, program, now);
+    }
+}
+
+bool ProgramSupervisor::restartNow(std::string const& name, Clock::time_point now) {
+    NXAClient::Module* module = client_.modules.find(name);
+    if (module == nullptr) return false;
+    restart(*module, programs_[name], now);
+    return true;
+}
+
+void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clock::time_point now) {
+    program.status.restartAt.reset();
+    try {
+        module.restart();
+    } catch (std::exception const& e) {
+        if (getpid() != hostPid_) throw;
+        milliseconds const delay = delayFor(program, now);
+        program.status.state = "restarting";
+        program.status.restartAt = now + delay;
+        hostLog(kHostError, "cannot start module program ", module.getName(), " again: ", e.what(),
+                "; next attempt in ", seconds(delay));
+        return;
+    }
+    program.reported = false;
+    program.status.state = "running";
+    program.status.pid = module.getChildPid();
+    program.status.startedAt = now;
+    ++program.status.restarts;
+    hostLog(kHostInfo, "module program ", module.getName(), " started again (pid ", module.getChildPid(), ")");
+}
+
+std::optional<ProgramSupervisor::Clock::time_point> ProgramSupervisor::nextDue() const {
+    std::optional<Clock::time_point> next;
+    for (auto const& entry : programs_) {
+        auto const& at = entry.second.status.restartAt;
+        if (at && (!next || *at < *next)) next = at;
+    }
+    return next;
+}
+
+ProgramSupervisor::Status ProgramSupervisor::status(std::string const& module) const {
+    auto it = programs_.find(module);
+    return it == programs_.end() ? Status{} : it->second.status;
+}
+
+std::size_t ProgramSupervisor::restarting() const {
+    return static_cast<std::size_t>(std::count_if(programs_.begin(), programs_.end(), [](auto const& entry) {
+        return entry.second.status.restartAt.has_value();
+    }));
+}
