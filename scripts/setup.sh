@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config git
-    libzip-dev libmosquitto-dev
+    libzip-dev libmosquitto-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     mosquitto mosquitto-clients
     zip unzip socat netcat-openbsd

@@ -35,7 +35,12 @@ Host::Host(HostOptions options)
       client_(options_.packageDir.c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName),
-      supervisor_(client_, options_.restart, hostPid_) {
+      supervisor_(client_, options_.restart, hostPid_),
+      control_(client_, supervisor_, bus_, options_, [this](std::string const& module) {
+          bool known = false;
+          asHostOnly([&] { known = supervisor_.restartNow(module, Clock::now()); });
+          return known;
+      }) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);

@@ -12,6 +12,7 @@
 #include <vlplatform/fd_set.h>
 #include <vlplatform/vlpbus_client.h>
 
+#include "control.h"
 #include "host_signals.h"
 #include "options.h"
 #include "program_supervisor.h"
@@ -65,6 +66,7 @@ private:
     NXAClient client_;
     VLPBusClient bus_;
     ProgramSupervisor supervisor_;
+    HostControl control_;
     FdSet rd_;
     FdSet wr_;
     bool stopping_ = false;

@@ -78,7 +78,8 @@ void Host::serveOwnBus() {
         moduleBusDown_ = true;
     }
     while (std::unique_ptr<MessageBase> msg = bus_.getMessage()) {
-        if (auto const* routed = dynamic_cast<RouterMessage const*>(msg.get())) client_.handle(*routed);
+        auto const* routed = dynamic_cast<RouterMessage const*>(msg.get());
+        if (routed != nullptr && !control_.handle(*routed)) client_.handle(*routed);
     }
 }
 

@@ -1,0 +1,130 @@
+#include "control.h"
+
+#include <vlplatform/messages.h>
+
+#include <chrono>
+
+#include "host_log.h"
+#include "module_ports.h"
+
+namespace {
+
+using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+json failure(std::string const& error) {
+    return json{{"ok", false}, {"error", error}};
+}
+
+double secondsSince(Clock::time_point then) {
+    return std::chrono::duration<double>(Clock::now() - then).count();
+}
+
+std::string noModule(std::string const& name) {
+    return "no module named " + name;
+}
+
+}  // namespace
+
+HostControl::HostControl(NXAClient& client, ProgramSupervisor const& supervisor, VLPBusClient& bus,
+                         HostOptions const& options, std::function<bool(std::string const&)> restart)
+    : client_(client), supervisor_(supervisor), bus_(bus), options_(options), restart_(std::move(restart)) {}
+
+bool HostControl::handle(RouterMessage const& msg) {
+    auto const* system = dynamic_cast<SystemMessage const*>(msg.message());
+    if (system == nullptr || system->kind() != kControlRequest) return false;
+    json request = json::parse(system->text(), nullptr, false);
+    if (!request.is_object() || !request.contains("command") || !request["command"].is_string() ||
+        msg.sender().empty()) {
+        if (options_.debug > 0) hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": not a request");
+        return true;
+    }
+    json body = answer(request);
+    if (body.is_null()) {
+        if (options_.debug > 0) hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": unknown command");
+        return true;
+    }
+    if (request.contains("id")) body["id"] = request["id"];
+    reply(msg.sender(), body);
+    return true;
+}
+
+// Null for a request that is no command of ours.
+json HostControl::answer(json const& request) {
+    std::string const command = request["command"];
+    auto text = [&request](char const* key) {
+        auto it = request.find(key);
+        return it != request.end() && it->is_string() ? it->get<std::string>() : std::string();
+    };
+    if (command == "status") return status();
+    if (command == "clients") return clients(text("module"));
+    if (command == "kick") return kick(text("module"), text("client"));
+    if (command == "restart") return restart(text("module"));
+    return nullptr;
+}
+
+json HostControl::status() const {
+    json modules = json::array();
+    std::vector<ModulePort> const ports = runningModulePorts(options_.modules, options_.maxModules, options_.port,
+                                                             client_.getModulesInstalled());
+    for (ModulePort const& entry : ports) {
+        if (NXAClient::Module const* module = client_.modules.find(entry.name))
+            modules.push_back(moduleStatus(*module, entry.port));
+    }
+    return json{{"ok", true}, {"modules", modules}};
+}
+
+json HostControl::moduleStatus(NXAClient::Module const& module, unsigned short port) const {
+    ProgramSupervisor::Status const program = supervisor_.status(module.getName());
+    unsigned long long clients = 0, subscribers = 0, bytesOut = 0, chunksLost = 0;
+    for (NXAClient::Module::Consumer const& c : module.getConsumers()) {
+        if (c.kind == "log") bytesOut = c.counters.pushed;
+        if (c.kind == "tcp") ++clients;
+        if (c.kind == "bus") ++subscribers;
+        if (c.kind != "log") chunksLost += c.counters.lostChunks;
+    }
+    json row{{"name", module.getName()}, {"port", port}, {"state", program.state.empty() ? "running" : program.state},
+             {"pid", program.pid}, {"uptime", program.state == "running" ? secondsSince(program.startedAt) : 0.0},
+             {"restarts", program.restarts}, {"last_end", program.lastEnd}, {"clients", clients},
+             {"subscribers", subscribers}, {"bytes_out", bytesOut}, {"chunks_lost", chunksLost},
+             {"bus", module.busConnected()}};
+    if (program.restartAt) {
+        row["restart_in"] = std::max(0.0, std::chrono::duration<double>(*program.restartAt - Clock::now()).count());
+    }
+    return row;
+}
+
+json HostControl::clients(std::string const& name) const {
+    NXAClient::Module const* module = client_.modules.find(name);
+    if (module == nullptr) return failure(noModule(name));
+    json rows = json::array();
+    for (NXAClient::Module::Consumer const& c : module->getConsumers()) {
+        rows.push_back(json{{"id", c.id}, {"kind", c.kind}, {"address", c.address},
+                            {"attached", secondsSince(c.attachedAt)}, {"pushed", c.counters.pushed},
+                            {"delivered", c.counters.delivered}, {"queued_chunks", c.queuedChunks},
+                            {"queued_bytes", c.queuedBytes}, {"lost_chunks", c.counters.lostChunks},
+                            {"lost_bytes", c.counters.lostBytes}});
+    }
+    return json{{"ok", true}, {"module", name}, {"clients", rows}};
+}
+
+json HostControl::kick(std::string const& name, std::string const& id) {
+    NXAClient::Module* module = client_.modules.find(name);
+    if (module == nullptr) return failure(noModule(name));
+    if (id == "client") return failure("client is the run log of " + name + ", not a client");
+    if (!module->detach(id)) return failure("module " + name + " has no client " + id);
+    hostLog(kHostInfo, "client ", id, " of module ", name, " detached by an operator");
+    return json{{"ok", true}};
+}
+
+json HostControl::restart(std::string const& name) {
+    if (!restart_(name)) return failure(noModule(name));
+    return json{{"ok", true}};
+}
+
+void HostControl::reply(std::string const& to, json const& body) {
+    auto message = std::make_unique<SystemMessage>();
+    message->setKind(kControlReply);
+    message->setText(body.dump());
+    bus_.sendTo(options_.busName, to, std::move(message));
+}

@@ -1,0 +1,48 @@
+// The operator's controls of the host, over the bus (see README, "Operating
+// the host"): a request is a system message of kind kControlRequest sent to
+// the host's bus name, its text a JSON object {"command": ..., "id": ...};
+// the answer goes back to the sender as kind kControlReply, a JSON object
+// with "ok" and the request's "id".
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+#include <nxaclient.h>
+#include <vlplatform/vlpbus_client.h>
+
+#include "options.h"
+#include "program_supervisor.h"
+
+inline constexpr unsigned char kControlRequest = 64;
+inline constexpr unsigned char kControlReply = 65;
+
+// Answers status, clients, kick and restart requests. Anything else on the
+// control kind (not JSON, no command, an unknown one) is ignored, with a DEBUG
+// line at trace level 1 and above; it never changes anything.
+class HostControl {
+public:
+    // `restart` starts a module's program again (as the host does it: a
+    // forked copy must not come back); false for an unknown module.
+    HostControl(NXAClient& client, ProgramSupervisor const& supervisor, VLPBusClient& bus,
+                HostOptions const& options, std::function<bool(std::string const&)> restart);
+
+    // Handles `msg` when it is a control request; returns whether it was one.
+    bool handle(RouterMessage const& msg);
+
+private:
+    nlohmann::json answer(nlohmann::json const& request);
+    nlohmann::json status() const;
+    nlohmann::json moduleStatus(NXAClient::Module const& module, unsigned short port) const;
+    nlohmann::json clients(std::string const& name) const;
+    nlohmann::json kick(std::string const& name, std::string const& id);
+    nlohmann::json restart(std::string const& name);
+    void reply(std::string const& to, nlohmann::json const& body);
+
+    NXAClient& client_;
+    ProgramSupervisor const& supervisor_;
+    VLPBusClient& bus_;
+    HostOptions const& options_;
+    std::function<bool(std::string const&)> restart_;
+};
