@@ -103,10 +103,12 @@ bool pollForRunLog(NXAClient::Module& module, std::string& log, std::string cons
         timeout);
 }
 
-void runModule(NXAClient::Module& module) {
+namespace {
+
+void inTestProcessOnly(std::function<void()> const& step) {
     pid_t self = ::getpid();
     try {
-        module.run();
+        step();
     } catch (std::exception const& e) {
         if (::getpid() != self) endChildCopy(e.what());
         throw;
@@ -114,6 +116,16 @@ void runModule(NXAClient::Module& module) {
         if (::getpid() != self) endChildCopy("(not a std::exception)");
         throw;
     }
+}
+
+}  // namespace
+
+void runModule(NXAClient::Module& module) {
+    inTestProcessOnly([&] { module.run(); });
+}
+
+void restartModule(NXAClient::Module& module) {
+    inTestProcessOnly([&] { module.restart(); });
 }
 
 ChildEnd waitChildEnd(pid_t pid, milliseconds timeout) {

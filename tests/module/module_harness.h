@@ -48,6 +48,8 @@ constexpr char kChildCopyReport[] = "/tmp/nxa-module-child-copy";
 // _exit(kChildCopyFailed): it never returns into the test. In the test process
 // run() returns or throws as usual.
 void runModule(NXAClient::Module& module);
+// The same for module.restart().
+void restartModule(NXAClient::Module& module);
 
 // How a child ended, observed without reaping it (the module's Proc reaps).
 struct ChildEnd {
