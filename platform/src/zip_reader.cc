@@ -1,5 +1,6 @@
-// zipper::unZipWithDirs: check every entry, extract into a hidden scratch
-// folder inside the destination, then move the result into place.
+// zipper::unZipWithDirs: check the destination and every entry, extract into
+// a hidden scratch folder inside the destination, then move the result into
+// place.
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
@@ -94,7 +95,7 @@ detail::Archive openArchive(std::string const& archive, std::string const& passw
 }
 
 unsigned long unzip(std::string const& archive, std::string const& dest, std::string const& password) {
-    if (dest.empty()) throw Failure{ENOENT, "no destination"};
+    detail::checkDestination(dest);
     detail::Archive za = openArchive(archive, password);
     std::vector<detail::PlannedEntry> const entries = detail::planEntries(za.get());
     Destination destination(dest);

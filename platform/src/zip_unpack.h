@@ -1,6 +1,6 @@
-// Private steps of zipper::unZipWithDirs: checking every entry before anything
-// is written, extracting into a scratch folder, and moving the result into
-// place.
+// Private steps of zipper::unZipWithDirs: checking the destination and every
+// entry before anything is written, extracting into a scratch folder, and
+// moving the result into place.
 #pragma once
 
 #include <ctime>
@@ -29,6 +29,10 @@ struct PlannedEntry {
     bool hasMtime;
     time_t mtime;
 };
+
+// Throws Failure (EINVAL) when `dest` names no folder of its own: when its last
+// path component is empty (a trailing slash, an empty path), "." or "..".
+void checkDestination(std::string const& dest);
 
 // Checks every entry of `archive` and returns them in archive order. Throws
 // Failure (EINVAL) for the first entry whose name is empty, absolute, holds a

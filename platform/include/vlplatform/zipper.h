@@ -35,9 +35,18 @@ int zipFolderContents(std::string const& folder, std::string const& archive);
 // Extracts `archive` into `dest`, creating `dest` (with its parents) and the
 // directories the entries need. `password` decrypts encrypted entries when not
 // empty. Returns 0, or -1 with errno: ENOENT for a missing archive, EINVAL for
-// a file that is not a usable zip archive or holds a refused entry, EIO for
-// damaged data (CRC or decompression error), the system's number for a failed
+// a refused destination, for a file that is not a usable zip archive or that
+// holds a refused entry, EIO for damaged data (CRC or decompression error, an
+// entry longer or shorter than declared), the system's number for a failed
 // system call.
+//
+// `dest` must name a folder of its own inside the folder its path names: its
+// last path component (the text after its last '/') must be neither empty,
+// "." nor "..". So "", "/", "a/b/", "a/b//", "a/b/." and "a/b/.." are refused
+// (a trailing slash leaves the last component empty), while repeated slashes
+// inside the path do not matter ("a//b" is "b" in "a") and ".." before the
+// last component is taken as the system takes it ("a/../b" is "b" in "a/..").
+// A refused destination is checked first: nothing is read or written.
 //
 // Every entry is checked before anything is written: an archive with an entry
 // whose name is empty, absolute, holds a ".." component or a backslash, starts
