@@ -1,6 +1,6 @@
-// zipper::unZipWithDirs: check the destination and every entry, extract into
-// a hidden scratch folder inside the destination, then move the result into
-// place.
+// zipper::unZipWithDirs: check the destination, every entry and the sizes they
+// declare, extract into a hidden scratch folder inside the destination, then
+// move the result into place.
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
@@ -98,6 +98,7 @@ unsigned long unzip(std::string const& archive, std::string const& dest, std::st
     detail::checkDestination(dest);
     detail::Archive za = openArchive(archive, password);
     std::vector<detail::PlannedEntry> const entries = detail::planEntries(za.get());
+    detail::checkLimits(entries, unpackBudget(dest));
     Destination destination(dest);
     if (entries.empty()) {
         // Nothing to extract, but the destination exists afterwards like after
