@@ -56,13 +56,14 @@ PlannedEntry planEntry(zip_t* archive, zip_uint64_t index) {
     entry.name = st.name;
     mode_t const mode = unixMode(archive, index);
     if ((mode & S_IFMT) == S_IFLNK) refuse(entry.name, "symbolic link");
-    if (!(st.valid & ZIP_STAT_SIZE)) refuse(entry.name, "no declared size");
+    if (!(st.valid & ZIP_STAT_SIZE) || !(st.valid & ZIP_STAT_COMP_SIZE)) refuse(entry.name, "no declared size");
     entry.path = relativePath(entry.name);
     entry.directory = entry.name.back() == '/' || (mode & S_IFMT) == S_IFDIR;
     if (entry.path.empty() && !entry.directory) refuse(entry.name, "empty name");
     entry.hasMode = mode != 0;
     entry.mode = mode & 07777;
     entry.size = st.size;
+    entry.compressedSize = st.comp_size;
     entry.hasMtime = (st.valid & ZIP_STAT_MTIME) != 0;
     entry.mtime = st.mtime;
     return entry;

@@ -1,5 +1,6 @@
-// zipper::unZipWithDirs: check every entry, extract into a hidden scratch
-// folder inside the destination, then move the result into place.
+// zipper::unZipWithDirs: check the destination, every entry and the sizes they
+// declare, extract into a hidden scratch folder inside the destination, then
+// move the result into place.
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
@@ -94,9 +95,10 @@ detail::Archive openArchive(std::string const& archive, std::string const& passw
 }
 
 unsigned long unzip(std::string const& archive, std::string const& dest, std::string const& password) {
-    if (dest.empty()) throw Failure{ENOENT, "no destination"};
+    detail::checkDestination(dest);
     detail::Archive za = openArchive(archive, password);
     std::vector<detail::PlannedEntry> const entries = detail::planEntries(za.get());
+    detail::checkLimits(entries, unpackBudget(dest));
     Destination destination(dest);
     if (entries.empty()) {
         // Nothing to extract, but the destination exists afterwards like after

@@ -1,4 +1,5 @@
 // Installation of the module package into the modules directory.
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -242,6 +243,87 @@ TEST_F(Unpack, AnInnerArchiveThatClimbsOutIsRefused) {
     struct stat st;
     EXPECT_NE(stat("/var/opt/velmora/nxa/escaped", &st), 0);
     EXPECT_NE(stat("/var/opt/velmora/escaped", &st), 0);
+}
+
+// Entries "...zip", "..zip" and ".zip" name the modules "..", "." and "": their
+// destinations are the modules directory's parent and the directory itself,
+// which the platform refuses, so each gets the warning and nothing is written
+// outside the module folders.
+TEST_F(Unpack, ModulesNamedDotDotDotOrNothingAreRefusedAndWriteNothing) {
+    configure({"a"}, 1);
+    makeModuleZip(staging.path(), "a", "noarch");
+    std::string const escape = makeModuleZip(staging.path(), "escape", "noarch");
+    for (char const* name : {"...zip", "..zip", ".zip"}) {
+        ASSERT_EQ(nxatest::shell("cp '" + escape + "' '" + staging.path() + "/" + name + "'").status, 0);
+    }
+    makePackage(staging.path(), kPackage, {"a.zip", "...zip", "..zip", ".zip"});
+    std::vector<std::string> const velmoraBefore = listDir("/var/opt/velmora");
+    std::vector<std::string> tmpAfter = listDir("/tmp");
+    tmpAfter.push_back("nxa");
+    std::sort(tmpAfter.begin(), tmpAfter.end());
+    nxatest::Capture out;
+    client->unpack();
+    std::string const text = out.text();
+    for (std::string const refused : {"...zip to /var/opt/velmora/nxa/..", "..zip to /var/opt/velmora/nxa/.",
+                                      ".zip to /var/opt/velmora/nxa/"}) {
+        EXPECT_NE(text.find("[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/" + refused),
+                  std::string::npos)
+            << refused << "\n"
+            << text;
+    }
+    for (std::string const reason :
+         {"last component is \"..\"", "last component is \".\"", "last component is empty"}) {
+        EXPECT_NE(text.find(": failed: refused destination: " + reason), std::string::npos) << reason << "\n"
+                                                                                            << text;
+    }
+    EXPECT_EQ(listDir("/var/opt/velmora"), velmoraBefore);
+    EXPECT_EQ(listDir("/tmp"), tmpAfter);
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"a"});
+    EXPECT_EQ(listDir(std::string(kModulesDir) + "/a"), (std::vector<std::string>{"Manifest", "a"}));
+    EXPECT_EQ(listDir("/tmp/nxa"), (std::vector<std::string>{"...zip", "..zip", ".zip", "a.zip"}));
+    EXPECT_EQ(client->getModulesInstalled(), std::vector<std::string>{"a"});
+}
+
+// Adds a sparse file "zeros" of `size` bytes to the module folder `name` in
+// `staging` and zips it into <name>.zip with the zip options `options`.
+void addZeros(std::string const& staging, std::string const& name, std::string const& size,
+              std::string const& options = "") {
+    nxatest::ShellResult const r =
+        nxatest::shell("cd '" + staging + "/" + name + "' && truncate -s " + size + " zeros && zip -q " +
+                       options + " ../" + name + ".zip zeros");
+    ASSERT_EQ(r.status, 0) << r.output;
+}
+
+// "bomb" packs 300 MiB of zeros into a few hundred KB, over the default
+// budget; "dense" packs 64 MiB into a few hundred bytes, over the ratio limit.
+TEST_F(Unpack, DecompressionBombsAreRefusedWhileTheOtherModulesAreInstalled) {
+    configure({"a"}, 1);
+    makeModuleZip(staging.path(), "a", "noarch");
+    makeModuleZip(staging.path(), "bomb", "noarch");
+    addZeros(staging.path(), "bomb", "300M");
+    makeModuleZip(staging.path(), "dense", "noarch");
+    addZeros(staging.path(), "dense", "64M", "-Z bzip2");
+    makePackage(staging.path(), kPackage, {"a.zip", "bomb.zip", "dense.zip"});
+    nxatest::Capture out;
+    client->unpack();
+    std::string const text = out.text();
+    for (std::string const name : {"bomb", "dense"}) {
+        EXPECT_NE(text.find("[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/" + name + ".zip to " +
+                            kModulesDir + "/" + name),
+                  std::string::npos)
+            << name << "\n"
+            << text;
+    }
+    EXPECT_NE(text.find(" -> /var/opt/velmora/nxa/bomb: failed: refused archive: its entries declare"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(
+        text.find(" -> /var/opt/velmora/nxa/dense: failed: refused entry \"zeros\": 67108864 bytes from "),
+        std::string::npos)
+        << text;
+    EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"a"});
+    EXPECT_EQ(listDir(std::string(kModulesDir) + "/a"), (std::vector<std::string>{"Manifest", "a"}));
+    EXPECT_EQ(client->getModulesInstalled(), std::vector<std::string>{"a"});
 }
 
 TEST_F(Unpack, AModuleWithoutManifestStopsTheScan) {
