@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <vlplatform/descriptors.h>
 #include <vlplatform/net.h>
+#include <vlplatform/zipper.h>
 
 #include <exception>
 #include <string>
@@ -44,6 +45,7 @@ Host::Host(HostOptions options)
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);
+    zipper::setUnpackBudget(options_.unpackBudgetMiB << 20);
     bus_.setMaxPacketBytes(kMaxBusMessage + kBusPacketRoom);
     bus_.setup();
     lastBusAttempt_ = Clock::now();

@@ -26,6 +26,8 @@ constexpr char kUsage[] =
     "                      starts at 1 s and doubles up to 60 s\n"
     "  --client-timeout S  drop a TCP client whose machine or network vanished after about S\n"
     "                      seconds (default 60)\n"
+    "  --unpack-budget MIB most a module archive may unpack to; more is refused (default 256,\n"
+    "                      and never more than half the free space of the disk)\n"
     "  --help              show this text and exit\n"
     "\n"
     "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP checks the\n"
@@ -43,6 +45,7 @@ enum Option {
     kBusName,
     kRestart,
     kClientTimeout,
+    kUnpackBudget,
     kHelp
 };
 
@@ -56,6 +59,7 @@ option const kOptions[] = {
     {"bus-name", required_argument, nullptr, kBusName},
     {"restart", required_argument, nullptr, kRestart},
     {"client-timeout", required_argument, nullptr, kClientTimeout},
+    {"unpack-budget", required_argument, nullptr, kUnpackBudget},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -128,6 +132,11 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
             if (!parseNumber(value, 1, 86400, number))
                 return "--client-timeout needs a number of seconds from 1 to 86400, not '" + std::string(value) + "'";
             options.clientTimeout = static_cast<unsigned>(number);
+            break;
+        case kUnpackBudget:
+            if (!parseNumber(value, 1, 1024 * 1024, number))
+                return "--unpack-budget needs a number of MiB from 1 to 1048576, not '" + std::string(value) + "'";
+            options.unpackBudgetMiB = number;
             break;
         case kDebug:
             if (!parseNumber(value, 0, UINT_MAX, number)) return "--debug needs a whole number, not '" + std::string(value) + "'";

@@ -16,6 +16,7 @@ struct HostOptions {
     std::string busName = "NXAHost";
     RestartPolicy restart = RestartPolicy::onFailure;
     unsigned clientTimeout = 60;
+    unsigned long long unpackBudgetMiB = 0;  // 0: the platform's default
     std::vector<std::string> modules;
 };
 
