@@ -57,6 +57,7 @@ int Host::run() {
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
+    notifier_.ready(statusText());
     while (!stopping_) turn();
     hostLog(kHostInfo, "stopping");
     stopModules();
@@ -107,7 +108,7 @@ void Host::stopModules() {
 
 void Host::reactToSignals() {
     unsigned const events = signals_.take();
-    if (events & HostSignals::kChildEnded) supervisor_.checkEnded(Clock::now());
+    if ((events & HostSignals::kChildEnded) && supervisor_.checkEnded(Clock::now())) notifier_.status(statusText());
     if (events & HostSignals::kDumpLog) printRunLog();
     if (events & HostSignals::kStop) {
         stopping_ = true;
@@ -155,4 +156,14 @@ void Host::replaceModules() {
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
+    notifier_.status(statusText());
+}
+
+// "3 modules: 2 running, 1 restarting, 0 ended", for the service manager.
+std::string Host::statusText() const {
+    std::size_t const all = client_.modules.getModules().size();
+    std::size_t const restarting = supervisor_.restarting();
+    std::size_t const ended = supervisor_.ended();
+    return std::to_string(all) + " modules: " + std::to_string(all - restarting - ended) + " running, " +
+           std::to_string(restarting) + " restarting, " + std::to_string(ended) + " ended";
 }

@@ -17,6 +17,7 @@
 #include "options.h"
 #include "program_supervisor.h"
 #include "serve_failures.h"
+#include "service_notify.h"
 
 // Owns the library's facade and runs its loop until INT or TERM. Exceptions of
 // configuring and starting the modules leave run() (the caller reports them and
@@ -49,6 +50,7 @@ private:
     void stopModules();
     void reactToSignals();
     void printRunLog();
+    std::string statusText() const;
 
     // host_turn.cc: one turn of the loop.
     void turn();
@@ -67,6 +69,7 @@ private:
     VLPBusClient bus_;
     ProgramSupervisor supervisor_;
     HostControl control_;
+    ServiceNotifier notifier_;
     FdSet rd_;
     FdSet wr_;
     bool stopping_ = false;

@@ -27,7 +27,10 @@ void Host::turn() {
     reportRefusedConnections(now);
     // A signal's arrival makes the pipe readable; only then is it worth reading.
     if (rd_.isSet(signals_.fd())) reactToSignals();
-    asHostOnly([this] { supervisor_.restartDue(Clock::now()); });
+    bool restarted = false;
+    asHostOnly([&] { restarted = supervisor_.restartDue(Clock::now()); });
+    if (restarted) notifier_.status(statusText());
+    notifier_.turned(Clock::now());
 }
 
 bool Host::waitForEvents() {
@@ -52,8 +55,8 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
     if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
-    if (auto due = supervisor_.nextDue()) {
-        sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
+    for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
+        if (due) sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
     }
     return static_cast<int>(timeout);
 }

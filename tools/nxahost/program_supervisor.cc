@@ -48,6 +48,7 @@ ProgramSupervisor::ProgramSupervisor(NXAClient& client, RestartPolicy policy, pi
 
 void ProgramSupervisor::startedAll(Clock::time_point now) {
     programs_.clear();
+    scheduled_ = 0;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
         program.status.state = "running";
@@ -56,14 +57,18 @@ void ProgramSupervisor::startedAll(Clock::time_point now) {
     }
 }
 
-void ProgramSupervisor::checkEnded(Clock::time_point now) {
+bool ProgramSupervisor::checkEnded(Clock::time_point now) {
+    bool any = false;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
         if (program.reported) continue;
         bool failed = false;
         std::string const how = endingOf(module->getChildPid(), failed);
-        if (!how.empty()) ended(*module, program, how, failed, now);
+        if (how.empty()) continue;
+        ended(*module, program, how, failed, now);
+        any = true;
     }
+    return any;
 }
 
 void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::string const& how, bool failed,
@@ -74,11 +79,11 @@ void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::
     if (wantsRestart(failed)) {
         milliseconds const delay = delayFor(program, now);
         program.status.state = "restarting";
-        program.status.restartAt = now + delay;
+        schedule(program, now + delay);
         next = "restart in " + seconds(delay);
     } else {
         program.status.state = "ended";
-        program.status.restartAt.reset();
+        unschedule(program);
     }
     hostLog(kHostWarning, "module program ", module.getName(), " (pid ", module.getChildPid(), ") has ended: ", how,
             "; ", next);
@@ -99,11 +104,14 @@ milliseconds ProgramSupervisor::delayFor(Program& program, Clock::time_point now
     return base + milliseconds(jitter(random_));
 }
 
-void ProgramSupervisor::restartDue(Clock::time_point now) {
+bool ProgramSupervisor::restartDue(Clock::time_point now) {
+    auto const due = nextDue();
+    if (!due || *due > now) return false;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
         if (program.status.restartAt && *program.status.restartAt <= now) restart(*module, program, now);
     }
+    return true;
 }
 
 bool ProgramSupervisor::restartNow(std::string const& name, Clock::time_point now) {
@@ -114,14 +122,14 @@ bool ProgramSupervisor::restartNow(std::string const& name, Clock::time_point no
 }
 
 void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clock::time_point now) {
-    program.status.restartAt.reset();
+    unschedule(program);
     try {
         module.restart();
     } catch (std::exception const& e) {
         if (getpid() != hostPid_) throw;
         milliseconds const delay = delayFor(program, now);
         program.status.state = "restarting";
-        program.status.restartAt = now + delay;
+        schedule(program, now + delay);
         hostLog(kHostError, "cannot start module program ", module.getName(), " again: ", e.what(),
                 "; next attempt in ", seconds(delay));
         return;
@@ -136,6 +144,8 @@ void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clo
 
 std::optional<ProgramSupervisor::Clock::time_point> ProgramSupervisor::nextDue() const {
     std::optional<Clock::time_point> next;
+    // Asked on every turn: nothing to look through while no restart waits.
+    if (restarting() == 0) return next;
     for (auto const& entry : programs_) {
         auto const& at = entry.second.status.restartAt;
         if (at && (!next || *at < *next)) next = at;
@@ -149,7 +159,21 @@ ProgramSupervisor::Status ProgramSupervisor::status(std::string const& module) c
 }
 
 std::size_t ProgramSupervisor::restarting() const {
+    return scheduled_;
+}
+
+void ProgramSupervisor::schedule(Program& program, Clock::time_point at) {
+    if (!program.status.restartAt) ++scheduled_;
+    program.status.restartAt = at;
+}
+
+void ProgramSupervisor::unschedule(Program& program) {
+    if (program.status.restartAt) --scheduled_;
+    program.status.restartAt.reset();
+}
+
+std::size_t ProgramSupervisor::ended() const {
     return static_cast<std::size_t>(std::count_if(programs_.begin(), programs_.end(), [](auto const& entry) {
-        return entry.second.status.restartAt.has_value();
+        return entry.second.status.state == "ended";
     }));
 }

@@ -43,11 +43,12 @@ public:
     // Forgets every module: call after (re)starting all of them.
     void startedAll(Clock::time_point now);
     // Looks at every module's program; reports the ones that have ended since.
-    void checkEnded(Clock::time_point now);
+    // Returns whether one had.
+    bool checkEnded(Clock::time_point now);
     // Starts again the programs whose delay has passed. A restart that fails
     // in the host is reported and tried again after the next delay; in a forked
-    // copy of the host its exception goes on (see Host).
-    void restartDue(Clock::time_point now);
+    // copy of the host its exception goes on (see Host). Returns whether one was due.
+    bool restartDue(Clock::time_point now);
     // Starts `module`'s program again now (an operator's request); false when
     // there is no such module.
     bool restartNow(std::string const& module, Clock::time_point now);
@@ -55,8 +56,10 @@ public:
     std::optional<Clock::time_point> nextDue() const;
     // The status of `module`'s program (a default one for a module never seen).
     Status status(std::string const& module) const;
-    // How many programs are waiting to be started again.
+    // How many programs are waiting to be started again, and how many have
+    // ended for good.
     std::size_t restarting() const;
+    std::size_t ended() const;
 
     static constexpr std::chrono::seconds kFirstDelay{1};
     static constexpr std::chrono::seconds kLongestDelay{60};
@@ -74,11 +77,14 @@ private:
     void restart(NXAClient::Module& module, Program& program, Clock::time_point now);
     std::chrono::milliseconds delayFor(Program& program, Clock::time_point now);
     bool wantsRestart(bool failed) const;
+    void schedule(Program& program, Clock::time_point at);
+    void unschedule(Program& program);
 
     NXAClient& client_;
     RestartPolicy policy_;
     pid_t hostPid_;
     std::map<std::string, Program> programs_;
+    std::size_t scheduled_ = 0;  // programs with a restart time
     std::mt19937 random_;
 };
 
