@@ -633,5 +633,27 @@ TEST(Nxactl, MalformedControlMessagesGetNoReplyAndChangeNothing) {
     EXPECT_TRUE(host->running());
 }
 
+TEST(Nxactl, ASubscriberWhoseNameIsNotUtf8LeavesTheControlsWorking) {
+    NXA_REQUIRE_SANDBOX();
+    auto host = startHost({{"ticker", kTicking}});
+    // "%FF" on the wire is the one-byte name 0xff, which no JSON string can hold.
+    BusSubscriber odd("%FF");
+    bool const subscribed = nxatest::waitUntil(
+        [&] {
+            publishSystem("NXAModule_ticker", "%FF", 4, "71-NXAStartOutput");
+            return odd.waitFor("tick", 2s);
+        },
+        kPatience);
+    ASSERT_TRUE(subscribed) << odd.output() << describe(*host);
+
+    // The host answers with the name's byte replaced, and serves on.
+    json const clients = ctlJson({"clients", "ticker"});
+    std::vector<json> const bus = consumersOfKind(clients, "bus");
+    ASSERT_EQ(bus.size(), 1u) << clients << describe(*host);
+    EXPECT_EQ(bus[0]["id"], "\xef\xbf\xbd");
+    EXPECT_EQ(moduleNamed(ctlJson({"status"}), "ticker")["subscribers"], 1);
+    EXPECT_TRUE(host->running()) << describe(*host);
+}
+
 }  // namespace
 }  // namespace e2e
