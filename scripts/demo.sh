@@ -49,6 +49,7 @@ cat <<'TXT'
    mosquitto_pub -V mqttv5 -p 20010 -t vlpbus/NXAModule_greeter -m 71-NXAStartOutput \
        -D publish user-property vlp-sender viewer -D publish user-property vlp-type system \
        -D publish user-property vlp-kind 4
+   build/tools/nxactl/nxactl status        # the modules, their programs and clients (nxactl --help)
    pkill -USR1 nxahost                     # print the run log
    Ctrl-C here stops the host.
 TXT

@@ -90,6 +90,10 @@ int Background::wait(milliseconds timeout) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+void Background::signal(int sig) const {
+    if (pid_ > 0) ::kill(pid_, sig);
+}
+
 std::string ncCommand(unsigned port) {
     return "exec nc 127.0.0.1 " + std::to_string(port);
 }
@@ -159,8 +163,9 @@ void publishSystem(std::string const& to, std::string const& sender, int kind, s
     ASSERT_EQ(r.status, 0) << command << ": " << r.output;
 }
 
-BusSubscriber::BusSubscriber(std::string const& name)
-    : sub_("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) + " -F '%p'") {
+BusSubscriber::BusSubscriber(std::string const& name, std::string const& format)
+    : sub_("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) + " -F " +
+           quoted(format)) {
     // The subscription is in place once a probe published to it comes back.
     bool const ready = nxatest::waitUntil(
         [&] {

@@ -32,6 +32,10 @@ public:
     bool waitFor(std::string const& text, milliseconds timeout = kPatience) const;
     // Waits for the command to end: its exit status, -1 on time-out.
     int wait(milliseconds timeout = kPatience);
+    // Sends `sig` to the command's process (the shell, or what it exec'd), unless it has ended.
+    void signal(int sig) const;
+    // The command's process id (the shell's, or what it exec'd); -1 once waited for.
+    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
@@ -78,11 +82,13 @@ private:
 // participant `to` ("vlpbus/<to>"), as `sender`, with kind `kind`.
 void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text);
 
-// mosquitto_sub -V mqttv5 on "vlpbus/<name>", printing each payload on its own
-// line. Returns once the subscription is known to be in place.
+// mosquitto_sub -V mqttv5 on "vlpbus/<name>", printing each message on its own
+// line in mosquitto_sub's output `format` (the payload alone by default; "%P %p"
+// puts the user properties, key:value, before it). Returns once the
+// subscription is known to be in place.
 class BusSubscriber {
 public:
-    explicit BusSubscriber(std::string const& name);
+    explicit BusSubscriber(std::string const& name, std::string const& format = "%p");
     std::string output() const { return sub_.output(); }
     bool waitFor(std::string const& text, milliseconds timeout = kPatience) const {
         return sub_.waitFor(text, timeout);

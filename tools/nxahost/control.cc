@@ -125,6 +125,9 @@ json HostControl::restart(std::string const& name) {
 void HostControl::reply(std::string const& to, json const& body) {
     auto message = std::make_unique<SystemMessage>();
     message->setKind(kControlReply);
-    message->setText(body.dump());
+    // Names from outside (a subscriber's bus name, a module's) may hold bytes
+    // that are not UTF-8; JSON text cannot, so they become U+FFFD rather than
+    // an exception that would end the host.
+    message->setText(body.dump(-1, ' ', false, json::error_handler_t::replace));
     bus_.sendTo(options_.busName, to, std::move(message));
 }

@@ -1,0 +1,109 @@
+#include "control_session.h"
+
+#include <unistd.h>
+#include <vlplatform/fd_set.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using json = nlohmann::json;
+
+constexpr unsigned short kBrokerPort = 20010;
+// Pause between two connection attempts the broker refused at once.
+constexpr std::chrono::milliseconds kConnectPause{100};
+
+std::string ownBusName() {
+    return "nxactl-" + std::to_string(getpid());
+}
+
+// A request id no other run is likely to use: 64 random bits in hex.
+std::string freshRequestId() {
+    std::random_device random;
+    std::uint64_t const bits = (std::uint64_t{random()} << 32) | random();
+    std::ostringstream id;
+    id << std::hex << bits;
+    return id.str();
+}
+
+}  // namespace
+
+ControlSession::ControlSession(CtlOptions const& options)
+    : options_(options), deadline_(Clock::now() + options.timeout), bus_("", kBrokerPort, ownBusName()) {}
+
+void ControlSession::connect() {
+    bus_.setup();
+    while (!bus_.isConnected()) {
+        if (Clock::now() + kConnectPause >= deadline_) {
+            throw std::runtime_error("cannot reach the bus broker on 127.0.0.1:" +
+                                     std::to_string(kBrokerPort) + " within " + options_.timeoutText + " s");
+        }
+        std::this_thread::sleep_for(kConnectPause);
+        bus_.connectToServer();
+    }
+}
+
+json ControlSession::ask(json request) {
+    std::string const id = freshRequestId();
+    request["id"] = id;
+    // A name given on the command line need not be UTF-8; JSON text must be.
+    send(options_.busName, kControlRequest, request.dump(-1, ' ', false, json::error_handler_t::replace));
+    while (waitForInput(deadline_)) {
+        if (!bus_.read()) throw std::runtime_error("lost the connection to the bus broker");
+        while (std::unique_ptr<MessageBase> message = bus_.getMessage()) {
+            if (!isReplyTo(*message, id)) continue;
+            auto const& system =
+                static_cast<SystemMessage const&>(*static_cast<RouterMessage const&>(*message).message());
+            return json::parse(system.text());
+        }
+    }
+    noAnswer();
+}
+
+void ControlSession::send(std::string const& to, unsigned char kind, std::string const& text) {
+    auto message = std::make_unique<SystemMessage>();
+    message->setKind(kind);
+    message->setText(text);
+    bus_.sendTo(bus_.name(), to, std::move(message));
+}
+
+// Waits until the connection has something to read; false once `until` passes.
+bool ControlSession::waitForInput(Clock::time_point until) {
+    for (;;) {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+        if (left.count() <= 0) return false;
+        FdSet rd, wr;
+        rd.add(bus_.fd());
+        int const ready = waitFds(rd, wr, static_cast<int>(left.count()));
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) {
+            throw std::runtime_error(std::string("cannot wait for the bus: ") + std::strerror(errno));
+        }
+    }
+}
+
+// A kind-65 message from the host whose JSON object carries `id`.
+bool ControlSession::isReplyTo(MessageBase const& message, std::string const& id) const {
+    auto const* routed = dynamic_cast<RouterMessage const*>(&message);
+    if (routed == nullptr || routed->sender() != options_.busName) return false;
+    auto const* system = dynamic_cast<SystemMessage const*>(routed->message());
+    if (system == nullptr || system->kind() != kControlReply) return false;
+    json const body = json::parse(system->text(), nullptr, false);
+    return body.is_object() && body.value("id", json()) == id;
+}
+
+void ControlSession::noAnswer() const {
+    throw std::runtime_error("no answer from " + options_.busName + " on the bus within " +
+                             options_.timeoutText + " s (is nxahost running?)");
+}
+
+json const& requireOk(json const& reply) {
+    if (reply.is_object() && reply.contains("ok") && reply["ok"] == true) return reply;
+    bool const told = reply.is_object() && reply.contains("error") && reply["error"].is_string();
+    throw std::runtime_error(told ? reply["error"].get<std::string>() : "the host refused the request");
+}

@@ -1,0 +1,155 @@
+#include "options.h"
+
+#include <getopt.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: nxactl [OPTION]... COMMAND [ARGUMENT]...\n"
+    "Asks a running nxahost over the bus and prints its answer.\n"
+    "\n"
+    "Commands:\n"
+    "  status             one row per module: port, state, program, clients, output\n"
+    "  clients MODULE     one row per consumer of MODULE's output (TCP clients, bus\n"
+    "                     subscribers, the run log)\n"
+    "  kick MODULE ID     detach the client ID (as `clients` lists it) from MODULE\n"
+    "  restart MODULE     start MODULE's program again; its clients stay attached\n"
+    "  follow MODULE      print MODULE's output as a bus subscriber until INT or TERM\n"
+    "\n"
+    "Options:\n"
+    "  --json             status and clients: print the host's JSON list (\"modules\" or\n"
+    "                     \"clients\") instead of a table\n"
+    "  --bus-name NAME    the host's bus name (default NXAHost)\n"
+    "  --timeout SECONDS  how long to wait for the broker and for the host's answer\n"
+    "                     (default 3)\n"
+    "  --help             show this text and exit\n"
+    "\n"
+    "Exit status: 0 done; 1 the broker or the host did not answer in time, or the host\n"
+    "refused the request; 2 bad usage.\n"
+    "The bus broker is expected on 127.0.0.1:20010.\n";
+
+constexpr char kUsageHint[] =
+    "usage: nxactl [--json] [--bus-name NAME] [--timeout SECONDS] status | clients MODULE |\n"
+    "       kick MODULE ID | restart MODULE | follow MODULE   (nxactl --help for more)\n";
+
+enum Option { kJson = 1, kBusName, kTimeout, kHelp };
+
+option const kOptions[] = {
+    {"json", no_argument, nullptr, kJson},
+    {"bus-name", required_argument, nullptr, kBusName},
+    {"timeout", required_argument, nullptr, kTimeout},
+    {"help", no_argument, nullptr, kHelp},
+    {nullptr, 0, nullptr, 0},
+};
+
+// How many arguments each command takes.
+std::map<std::string, std::size_t> const kArity = {
+    {"status", 0}, {"clients", 1}, {"kick", 2}, {"restart", 1}, {"follow", 1},
+};
+
+// The longest time-out accepted, one day.
+constexpr double kLongestTimeout = 86400;
+
+CtlCommandLine usageError(std::string const& what) {
+    CtlCommandLine result;
+    result.exitStatus = 2;
+    result.message = "nxactl: " + what + "\n" + kUsageHint;
+    return result;
+}
+
+// A positive number of seconds (decimals allowed) up to a day, or false.
+bool parseTimeout(char const* text, CtlOptions& options) {
+    char* end = nullptr;
+    double const seconds = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > kLongestTimeout) {
+        return false;
+    }
+    options.timeout = std::chrono::milliseconds(static_cast<long long>(std::ceil(seconds * 1000)));
+    std::ostringstream shown;
+    shown << seconds;
+    options.timeoutText = shown.str();
+    return true;
+}
+
+// The option getopt refused: "--name" as typed (without a value), or "-x".
+std::string refusedOption(char* const argv[]) {
+    std::string const typed = argv[optind - 1];
+    if (typed.rfind("--", 0) == 0) return typed.substr(0, typed.find('='));
+    return std::string("-") + static_cast<char>(optopt);
+}
+
+// Reads the options; false (with `result` set) when the command line ends here.
+bool readOptions(int argc, char* const argv[], CtlCommandLine& result) {
+    opterr = 0;
+    optind = 1;
+    int opt;
+    while ((opt = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+        switch (opt) {
+            case kJson:
+                result.options.json = true;
+                break;
+            case kBusName:
+                result.options.busName = optarg;
+                break;
+            case kTimeout:
+                if (!parseTimeout(optarg, result.options)) {
+                    result = usageError(std::string("--timeout wants a positive number of seconds, not ") +
+                                        optarg);
+                    return false;
+                }
+                break;
+            case kHelp:
+            case 'h':
+                result.message = kUsage;
+                return false;
+            case ':':
+                result = usageError("option " + refusedOption(argv) + " wants a value");
+                return false;
+            default:
+                result = usageError("unknown option " + refusedOption(argv));
+                return false;
+        }
+    }
+    return true;
+}
+
+// Checks the command and its arguments; false (with `result` set) when wrong.
+bool readCommand(std::vector<std::string> const& words, CtlCommandLine& result) {
+    if (words.empty()) {
+        result = usageError("no command given");
+        return false;
+    }
+    auto const arity = kArity.find(words[0]);
+    if (arity == kArity.end()) {
+        result = usageError("unknown command " + words[0]);
+        return false;
+    }
+    if (words.size() - 1 != arity->second) {
+        result = usageError(words[0] + (words.size() - 1 < arity->second ? ": missing " : ": too many ") +
+                            "arguments");
+        return false;
+    }
+    bool const lists = words[0] == "status" || words[0] == "clients";
+    if (result.options.json && !lists) {
+        result = usageError("--json goes with status and clients only");
+        return false;
+    }
+    result.options.command = words[0];
+    result.options.args.assign(words.begin() + 1, words.end());
+    return true;
+}
+
+}  // namespace
+
+CtlCommandLine parseCtlCommandLine(int argc, char* const argv[]) {
+    CtlCommandLine result;
+    if (!readOptions(argc, argv, result)) return result;
+    if (!readCommand(std::vector<std::string>(argv + optind, argv + argc), result)) return result;
+    result.run = true;
+    return result;
+}

@@ -1,0 +1,19 @@
+// The host's JSON answers as nxactl shows them to a person.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "table.h"
+
+// A span of seconds, short and rounded down: "42s", "12m05s", "3h07m", "2d04h".
+std::string formatDuration(double seconds);
+
+// One row per module of the host's "modules" list: MODULE, PORT, STATE
+// ("running", "ended", "restarting in N s"), PID and UPTIME (only while
+// running), RESTARTS, LAST END, CLIENTS, SUBSCRIBERS, BYTES OUT, CHUNKS LOST.
+Table statusTable(nlohmann::json const& modules);
+
+// One row per consumer of the host's "clients" list: ID, KIND, ADDRESS,
+// ATTACHED, DELIVERED (bytes), QUEUED (chunks), LOST CHUNKS, LOST BYTES.
+Table clientsTable(nlohmann::json const& clients);
