@@ -277,6 +277,10 @@ public:
 
         // The process id of the program's child; -1 before run() and after stop().
         pid_t getChildPid() const { return childpid; }
+        // How many bytes of the program's output wait in the terminal, not yet
+        // read by handleInput (0 without a terminal). A program that has ended
+        // may still have output waiting there.
+        std::size_t pendingOutput() const;
         // Starts the program again on a fresh terminal, keeping everything else:
         // the listening socket, every peer (clients and subscribers stay
         // attached and receive the new program's output) and the bus

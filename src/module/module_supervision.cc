@@ -1,6 +1,7 @@
 // NXAClient::Module: what a host that runs unattended adds to the module's
 // life: starting the program again, the module's state on the bus, and its
 // bus connection after the broker came back.
+#include <sys/ioctl.h>
 #include <vlplatform/messages.h>
 
 #include "nxaclient.h"
@@ -21,6 +22,12 @@ void NXAClient::Module::restart() {
     openTerminal();
     run();
     announceOnBus();
+}
+
+std::size_t NXAClient::Module::pendingOutput() const {
+    int waiting = 0;
+    if (master < 0 || ::ioctl(master, FIONREAD, &waiting) != 0 || waiting < 0) return 0;
+    return static_cast<std::size_t>(waiting);
 }
 
 void NXAClient::Module::announce(std::string const& state) const {

@@ -27,6 +27,7 @@ void Host::turn() {
     reportRefusedConnections(now);
     // A signal's arrival makes the pipe readable; only then is it worth reading.
     if (rd_.isSet(signals_.fd())) reactToSignals();
+    if (supervisor_.settling() && supervisor_.settle(Clock::now())) notifier_.status(statusText());
     bool restarted = false;
     asHostOnly([&] { restarted = supervisor_.restartDue(Clock::now()); });
     if (restarted) notifier_.status(statusText());
@@ -54,6 +55,8 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     long long timeout = -1;
     auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
     if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
+    // An ended program whose output is drained is reported at the latest after its settle limit.
+    if (supervisor_.settling()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
     for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
         if (due) sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));

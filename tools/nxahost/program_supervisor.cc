@@ -16,7 +16,8 @@ using std::chrono::milliseconds;
 constexpr std::size_t kStateStopped = 4;
 
 std::string seconds(milliseconds delay) {
-    long const whole = static_cast<long>((delay.count() + 500) / 1000);
+    // The nominal delay: what the random extra adds is not worth a mention.
+    long const whole = static_cast<long>(delay.count() / 1000);
     return std::to_string(std::max(whole, 1L)) + " s";
 }
 
@@ -48,6 +49,7 @@ ProgramSupervisor::ProgramSupervisor(NXAClient& client, RestartPolicy policy, pi
 
 void ProgramSupervisor::startedAll(Clock::time_point now) {
     programs_.clear();
+    unsettled_.clear();
     scheduled_ = 0;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
@@ -58,15 +60,31 @@ void ProgramSupervisor::startedAll(Clock::time_point now) {
 }
 
 bool ProgramSupervisor::checkEnded(Clock::time_point now) {
-    bool any = false;
     for (NXAClient::Module* module : client_.modules.getModules()) {
-        Program& program = programs_[module->getName()];
-        if (program.reported) continue;
+        Program const& program = programs_[module->getName()];
+        if (program.reported || unsettled_.count(module->getName())) continue;
         bool failed = false;
-        std::string const how = endingOf(module->getChildPid(), failed);
-        if (how.empty()) continue;
-        ended(*module, program, how, failed, now);
-        any = true;
+        if (!endingOf(module->getChildPid(), failed).empty()) unsettled_.emplace(module->getName(), now);
+    }
+    return settle(now);
+}
+
+bool ProgramSupervisor::settle(Clock::time_point now) {
+    bool any = false;
+    for (auto it = unsettled_.begin(); it != unsettled_.end();) {
+        NXAClient::Module* module = client_.modules.find(it->first);
+        bool const drained = module == nullptr || module->pendingOutput() == 0 || now - it->second >= kSettleLimit;
+        if (!drained) {
+            ++it;
+            continue;
+        }
+        if (module != nullptr) {
+            bool failed = false;
+            std::string const how = endingOf(module->getChildPid(), failed);
+            if (!how.empty()) ended(*module, programs_[module->getName()], how, failed, now);
+            any = true;
+        }
+        it = unsettled_.erase(it);
     }
     return any;
 }

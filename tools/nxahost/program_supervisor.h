@@ -42,9 +42,15 @@ public:
 
     // Forgets every module: call after (re)starting all of them.
     void startedAll(Clock::time_point now);
-    // Looks at every module's program; reports the ones that have ended since.
-    // Returns whether one had.
+    // Looks at every module's program for the ones that have ended since. An
+    // ended program is reported once its last output has been read from its
+    // terminal (so its clients see that output before the notice), or a
+    // second after its end at the latest. Returns whether one was reported.
     bool checkEnded(Clock::time_point now);
+    // Reports the ended programs whose output has been read since; called on
+    // every turn while settling() is true. Returns whether one was reported.
+    bool settle(Clock::time_point now);
+    bool settling() const { return !unsettled_.empty(); }
     // Starts again the programs whose delay has passed. A restart that fails
     // in the host is reported and tried again after the next delay; in a forked
     // copy of the host its exception goes on (see Host). Returns whether one was due.
@@ -85,6 +91,9 @@ private:
     pid_t hostPid_;
     std::map<std::string, Program> programs_;
     std::size_t scheduled_ = 0;  // programs with a restart time
+    // Ended programs not yet reported, with when their end was seen.
+    std::map<std::string, Clock::time_point> unsettled_;
+    static constexpr std::chrono::seconds kSettleLimit{1};
     std::mt19937 random_;
 };
 
