@@ -32,6 +32,8 @@ public:
     bool waitFor(std::string const& text, milliseconds timeout = kPatience) const;
     // Waits for the command to end: its exit status, -1 on time-out.
     int wait(milliseconds timeout = kPatience);
+    // The process the shell became (the command runs with "exec") or the shell.
+    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
