@@ -10,6 +10,7 @@ packages=(
     mosquitto mosquitto-clients
     zip unzip socat netcat-openbsd
     iproute2 util-linux procps
+    man-db groff-base
     clang
 )
 

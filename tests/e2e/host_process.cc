@@ -62,13 +62,13 @@ void applyLimit(DescriptorLimit limit) {
 }  // namespace
 
 HostProcess::HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env,
-                         DescriptorLimit limit) {
+                         DescriptorLimit limit, std::string const& program) {
     static int serial = 0;
     std::string const base = scratchDir() + "/host" + std::to_string(++serial);
     outFile_ = base + ".out";
     errFile_ = base + ".err";
 
-    std::vector<std::string> argStrings{hostBinary()};
+    std::vector<std::string> argStrings{program};
     argStrings.insert(argStrings.end(), args.begin(), args.end());
     std::vector<std::string> envStrings;
     for (char** e = environ; *e; ++e) envStrings.emplace_back(*e);

@@ -42,10 +42,11 @@ struct DescriptorLimit {
 // files of scratchDir(). It owns the process: the destructor ends it.
 class HostProcess {
 public:
-    // Starts `hostBinary()` with `args`, the test's environment plus `env`
-    // ("NAME=value" entries), standard input from /dev/null, and `limit`.
+    // Starts `program` (the host, or another program built on the library)
+    // with `args`, the test's environment plus `env` ("NAME=value" entries),
+    // standard input from /dev/null, and `limit`.
     explicit HostProcess(std::vector<std::string> const& args, std::vector<std::string> const& env = {},
-                         DescriptorLimit limit = {});
+                         DescriptorLimit limit = {}, std::string const& program = hostBinary());
     // Kills the host if it still runs (SIGKILL) and reaps it.
     ~HostProcess();
     HostProcess(HostProcess const&) = delete;
