@@ -2,27 +2,41 @@
 // them, the loopback-only drop-in included.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "shell.h"
 
 namespace {
 
-// The unit as built, with the installed paths replaced by those of the build
+// The build tree installed for the prefix /usr into a folder of its own, as a
+// package holds it; made once for all cases.
+std::string const& installedTree() {
+    struct Tree {
+        std::string dir;
+        Tree() : dir(nxatest::shell("mktemp -d").output) {
+            dir.pop_back();
+            nxatest::shell("DESTDIR=" + dir + " cmake --install " NXA_BUILD_DIR " --prefix /usr >/dev/null");
+        }
+        ~Tree() { nxatest::shell("rm -rf " + dir); }
+    };
+    static Tree const tree;
+    return tree.dir;
+}
+
+std::string installedUnit(std::string const& unit) {
+    return nxatest::readFile(installedTree() + "/usr/lib/systemd/system/" + unit);
+}
+
+// The installed unit, with the installed paths replaced by those of the build
 // and source trees (systemd-analyze checks that the programs exist).
 std::string unitForTree(std::string const& unit) {
-    std::ifstream in(std::string(NXA_UNIT_DIR) + "/" + unit);
-    std::stringstream text;
-    text << in.rdbuf();
-    std::string out = text.str();
+    std::string out = installedUnit(unit);
     auto replace = [&out](std::string const& from, std::string const& to) {
         for (std::size_t at = out.find(from); at != std::string::npos; at = out.find(from, at + to.size()))
             out.replace(at, from.size(), to);
     };
-    replace(std::string(NXA_INSTALLED_BINDIR) + "/nxahost", NXA_HOST_BINARY);
-    replace(std::string(NXA_INSTALLED_DATADIR) + "/nxa", std::string(NXA_SOURCE_DIR) + "/share/nxa");
+    replace("/usr/bin/nxahost", NXA_HOST_BINARY);
+    replace("/usr/share/nxa", std::string(NXA_SOURCE_DIR) + "/share/nxa");
     return out;
 }
 
@@ -66,6 +80,15 @@ TEST_F(Units, AMistakeInTheDropInIsSeen) {
     addDropIn("IPAddresAllow=localhost");
     nxatest::ShellResult const r = verify("nxahost.service");
     EXPECT_NE(r.output.find("Unknown key 'IPAddresAllow'"), std::string::npos) << r.output;
+}
+
+TEST(InstalledUnits, NameThePrefixTheTreeIsInstalledTo) {
+    std::string const host = installedUnit("nxahost.service");
+    EXPECT_NE(host.find("\nExecStart=/usr/bin/nxahost $NXAHOST_OPTIONS $NXAHOST_MODULES\n"), std::string::npos) << host;
+    EXPECT_NE(host.find("\nEnvironmentFile=-/etc/default/nxahost\n"), std::string::npos) << host;
+    EXPECT_NE(installedUnit("nxa-broker.service").find("ExecStart=/usr/sbin/mosquitto -c /usr/share/nxa/mosquitto.conf\n"),
+              std::string::npos);
+    EXPECT_NE(nxatest::readFile(installedTree() + "/etc/default/nxahost").find("NXAHOST_MODULES=\"\""), std::string::npos);
 }
 
 TEST_F(Units, TheHostUnitIsANotifyServiceWithAWatchdogAndRoomForDescriptors) {
