@@ -8,7 +8,7 @@ include(CMakePackageConfigHelpers)
 
 set(NXA_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/nxaclient)
 
-install(EXPORT nxaclient-targets NAMESPACE nxaclient:: DESTINATION ${NXA_PACKAGE_DIR})
+install(EXPORT nxaclient-targets NAMESPACE nxaclient:: DESTINATION ${NXA_PACKAGE_DIR} COMPONENT dev)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/nxaclient-config.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/nxaclient-config.cmake
@@ -31,4 +31,4 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/nxaclient-config-ve
 
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/nxaclient-config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/nxaclient-config-version.cmake
-        DESTINATION ${NXA_PACKAGE_DIR})
+        DESTINATION ${NXA_PACKAGE_DIR} COMPONENT dev)

@@ -4,11 +4,11 @@
 set -euo pipefail
 
 packages=(
-    build-essential cmake pkg-config git
+    build-essential cmake pkg-config git dpkg-dev
     libzip-dev libmosquitto-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     mosquitto mosquitto-clients
-    zip unzip socat netcat-openbsd
+    zip unzip socat netcat-openbsd debootstrap
     iproute2 util-linux procps
     man-db groff-base
     clang
