@@ -22,9 +22,9 @@ constexpr unsigned short kFirstPort = 20100;
 // A facade with `count` configured modules (no program started: nothing of
 // them is ready, as for a module whose program is idle).
 std::unique_ptr<NXAClient> clientWith(long count) {
-    auto client = std::make_unique<NXAClient>("/var/opt/velmora", "/var/opt/velmora/nxa",
-                                              "/var/opt/velmora/work", 0, kFirstPort,
-                                              static_cast<unsigned long>(count), "", 0);
+    auto client =
+        std::make_unique<NXAClient>("/var/opt/velmora", "/var/opt/velmora/nxa", "/var/opt/velmora/work", 0,
+                                    kFirstPort, static_cast<unsigned long>(count), "", 0);
     std::vector<std::string> names;
     for (long i = 0; i < count; ++i) names.push_back("idle" + std::to_string(i));
     client->modules.configure(names);
@@ -34,9 +34,9 @@ std::unique_ptr<NXAClient> clientWith(long count) {
 void report(benchmark::State& state, long allocs) {
     state.counters["allocs"] =
         benchmark::Counter(static_cast<double>(allocs), benchmark::Counter::kAvgIterations);
-    state.counters["per_module"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * state.range(0)),
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["per_module"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void BM_IdleLibrary(benchmark::State& state) {

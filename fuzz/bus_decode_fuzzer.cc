@@ -12,6 +12,8 @@
 //   the rest     the MQTT payload
 // An input that ends early gives a short last field, empty fields after it
 // and an empty payload, so every byte string is a valid input.
+#include <vlplatform/messages.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -21,8 +23,6 @@
 #include <sstream>
 #include <string>
 #include <typeinfo>
-
-#include <vlplatform/messages.h>
 
 #include "bus_names.h"
 #include "bus_wire.h"

@@ -1,12 +1,13 @@
 // Hands a fuzzer's input to code that reads it from a file.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 
 namespace fuzzinput {
 

@@ -1,14 +1,14 @@
 // IniParser on arbitrary file content: it may accept the file or throw
 // VLException, nothing else, and what it accepts is trimmed as promised.
+#include <unistd.h>
+#include <vlplatform/exceptions.h>
+#include <vlplatform/ini_parser.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
-
-#include <vlplatform/exceptions.h>
-#include <vlplatform/ini_parser.h>
 
 #include "fuzz_input.h"
 
@@ -28,9 +28,13 @@ std::string const& inputPath() {
     return path;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
-bool trimmed(std::string const& text) { return text.empty() || (!isBlank(text.front()) && !isBlank(text.back())); }
+bool trimmed(std::string const& text) {
+    return text.empty() || (!isBlank(text.front()) && !isBlank(text.back()));
+}
 
 // What every accepted entry must look like.
 void checkEntry(std::string const& key, std::string const& value) {

@@ -2,15 +2,16 @@
 // command line, and every file in every directory named there, is handed to
 // LLVMFuzzerTestOneInput in turn. A finding aborts the process, so the replay
 // fails exactly where the fuzzer would.
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <dirent.h>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
@@ -26,7 +27,8 @@ std::vector<std::string> inputsOf(std::string const& path) {
     if (DIR* dir = opendir(path.c_str())) {
         while (dirent* e = readdir(dir)) {
             std::string const file = path + "/" + e->d_name;
-            if (e->d_name[0] != '.' && stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back(file);
+            if (e->d_name[0] != '.' && stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+                files.push_back(file);
         }
         closedir(dir);
     }

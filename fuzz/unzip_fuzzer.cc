@@ -4,18 +4,18 @@
 // hold only the input and, when the call succeeded, the destination with
 // regular files and directories and no scratch folder left over; after a
 // failure it must hold only the input.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <vlplatform/fs.h>
+#include <vlplatform/zipper.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <set>
 #include <string>
-#include <sys/stat.h>
-
-#include <vlplatform/fs.h>
-#include <vlplatform/zipper.h>
 
 #include "fuzz_input.h"
 
@@ -41,7 +41,8 @@ std::set<std::string> namesIn(std::string const& dir) {
     std::set<std::string> names;
     if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d)) {
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                names.insert(e->d_name);
         }
         closedir(d);
     }

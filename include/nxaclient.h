@@ -9,6 +9,12 @@
 // output: "[LEVEL] Component::function() message".
 #pragma once
 
+#include <vlplatform/exceptions.h>
+#include <vlplatform/fd_set.h>
+#include <vlplatform/messages.h>
+#include <vlplatform/proc.h>
+#include <vlplatform/vlpbus_client.h>
+
 #include <chrono>
 #include <deque>
 #include <initializer_list>
@@ -17,12 +23,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <vlplatform/exceptions.h>
-#include <vlplatform/fd_set.h>
-#include <vlplatform/messages.h>
-#include <vlplatform/proc.h>
-#include <vlplatform/vlpbus_client.h>
 
 // Tests may define this type to look at the private state of the classes below.
 struct NXATestAccess;
@@ -80,9 +80,10 @@ public:
         // equals pushed. The seed from the run log counts as pushed.
         struct Counters {
             unsigned long long pushed = 0;
-            unsigned long long delivered = 0;     // written to the client, sent on the bus, moved out of the run log
-            unsigned long long lostChunks = 0;    // dropped by the queue bound
-            unsigned long long lostBytes = 0;     // what those chunks held that had not been delivered
+            unsigned long long delivered =
+                0;  // written to the client, sent on the bus, moved out of the run log
+            unsigned long long lostChunks = 0;  // dropped by the queue bound
+            unsigned long long lostBytes = 0;   // what those chunks held that had not been delivered
         };
         Counters const& getCounters() const { return counters; }
         // The bytes queued and not yet delivered (a partly delivered front block counts its rest).

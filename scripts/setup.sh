@@ -11,7 +11,7 @@ packages=(
     zip unzip socat netcat-openbsd debootstrap
     iproute2 util-linux procps
     man-db groff-base
-    clang
+    clang clang-format
 )
 
 missing=()

@@ -47,16 +47,25 @@ Attempt attempt(unsigned short port, std::string const& text, bench::Clock::time
         p.revents = 0;
         if (poll(&p, 1, bench::msUntil(deadline, 100)) <= 0) continue;
         if (!established) {
-            if (!bench::connected(fd)) { result = Attempt::kRetry; break; }
+            if (!bench::connected(fd)) {
+                result = Attempt::kRetry;
+                break;
+            }
             established = true;
             p.events = POLLIN;
             continue;
         }
         char buf[4096];
         ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0) { result = Attempt::kRetry; break; }
+        if (n <= 0) {
+            result = Attempt::kRetry;
+            break;
+        }
         seen.append(buf, static_cast<std::size_t>(n));
-        if (seen.find(text) != std::string::npos) { result = Attempt::kFound; break; }
+        if (seen.find(text) != std::string::npos) {
+            result = Attempt::kFound;
+            break;
+        }
         if (seen.size() > 65536) seen.erase(0, seen.size() - text.size());
     }
     close(fd);
@@ -72,7 +81,8 @@ int main(int argc, char** argv) {
     }
     unsigned short const port = static_cast<unsigned short>(std::atoi(argv[1]));
     std::string const text = argv[2];
-    auto const deadline = bench::Clock::now() + std::chrono::milliseconds(static_cast<long long>(std::atof(argv[3]) * 1000));
+    auto const deadline =
+        bench::Clock::now() + std::chrono::milliseconds(static_cast<long long>(std::atof(argv[3]) * 1000));
     long const pid = argc == 5 ? std::atol(argv[4]) : 0;
     for (;;) {
         Attempt const a = attempt(port, text, deadline, pid);

@@ -58,8 +58,10 @@ void onReady(Client& c, short revents, Totals& totals) {
     if (!(revents & (POLLIN | POLLHUP | POLLERR))) return;
     char buf[65536];
     ssize_t n = read(c.fd, buf, sizeof buf);
-    if (n > 0) totals.bytes += static_cast<unsigned long long>(n);
-    else if (n == 0 || errno != EAGAIN) restart(c);
+    if (n > 0)
+        totals.bytes += static_cast<unsigned long long>(n);
+    else if (n == 0 || errno != EAGAIN)
+        restart(c);
 }
 
 void onTime(Client& c, Totals& totals) {

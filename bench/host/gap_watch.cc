@@ -20,7 +20,9 @@ using bench::Clock;
 
 volatile std::sig_atomic_t reportAsked = 0;
 
-void askReport(int) { reportAsked = 1; }
+void askReport(int) {
+    reportAsked = 1;
+}
 
 struct Gaps {
     Clock::time_point last = Clock::now();
@@ -43,8 +45,8 @@ void report(Gaps& g, std::string const& file) {
     double const overall = open > g.overallMs ? open : g.overallMs;
     std::string const tmp = file + ".tmp";
     if (FILE* f = std::fopen(tmp.c_str(), "w")) {
-        std::fprintf(f, "interval_ms=%.1f overall_ms=%.1f bytes=%llu reconnects=%llu\n", interval, overall, g.bytes,
-                     g.reconnects);
+        std::fprintf(f, "interval_ms=%.1f overall_ms=%.1f bytes=%llu reconnects=%llu\n", interval, overall,
+                     g.bytes, g.reconnects);
         std::fclose(f);
         std::rename(tmp.c_str(), file.c_str());
     }
@@ -75,7 +77,10 @@ int main(int argc, char** argv) {
         if (fd < 0) {
             fd = bench::startConnect(port);
             established = false;
-            if (fd < 0) { usleep(100000); continue; }
+            if (fd < 0) {
+                usleep(100000);
+                continue;
+            }
         }
         pollfd p{fd, static_cast<short>(established ? POLLIN : POLLOUT), 0};
         if (poll(&p, 1, bench::msUntil(end, 100)) <= 0) continue;

@@ -4,15 +4,16 @@
 // raw terminal), discards the first 300 ms of output, then COUNT times sends
 // one byte and waits for it to come back. Prints one line:
 //   count=<n> median_us=<m> p99_us=<p> max_us=<x>
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 int main(int argc, char** argv) {
@@ -54,7 +55,8 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "keystroke_rtt: lost the echo at %d\n", i);
             return 1;
         }
-        micros.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+        micros.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
     }
     std::sort(micros.begin(), micros.end());
     std::printf("count=%d median_us=%.1f p99_us=%.1f max_us=%.1f\n", count, micros[micros.size() / 2],

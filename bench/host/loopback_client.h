@@ -2,13 +2,14 @@
 // must never hang on a host that stalls.
 #pragma once
 
-#include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
 
 namespace bench {
 

@@ -8,16 +8,17 @@
 // have passed since the trigger. Prints one line:
 //   clients=<n> bytes=<total> seconds=<s> MBps=<total/s/1e6> complete=<k>
 // where complete counts the clients that got all BYTES.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -76,7 +77,8 @@ int main(int argc, char** argv) {
     while (open > 0) {
         int timeout = 3000;
         if (limitMs > 0) {
-            auto const left = limitMs - std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+            auto const left =
+                limitMs - std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
             if (left <= 0) break;
             if (left < timeout) timeout = static_cast<int>(left);
         }

@@ -27,7 +27,9 @@ struct LogEntry {
 };
 LogEntry changeLog[kLogSize];
 
-bool inRange(int fd) { return fd >= 0 && fd < kPages * kPageSize; }
+bool inRange(int fd) {
+    return fd >= 0 && fd < kPages * kPageSize;
+}
 
 Slot* pageFor(int fd, bool create) {
     std::atomic<Slot*>& entry = pages[fd >> kPageBits];
@@ -41,7 +43,9 @@ Slot* pageFor(int fd, bool create) {
 
 }  // namespace
 
-std::uint64_t generation() { return latest.load(std::memory_order_acquire); }
+std::uint64_t generation() {
+    return latest.load(std::memory_order_acquire);
+}
 
 Stamp stampOf(int fd) {
     if (!inRange(fd)) return {0, false};

@@ -5,8 +5,7 @@
 
 // std::system_error already composes what() as text, ": " and the category's
 // message, and the system category's message is strerror's text.
-IOException::IOException(int err, char const* text)
-    : std::system_error(err, std::system_category(), text) {}
+IOException::IOException(int err, char const* text) : std::system_error(err, std::system_category(), text) {}
 
 IOException::IOException(int err, std::string const& text)
     : std::system_error(err, std::system_category(), text) {}
@@ -23,6 +22,10 @@ VLException& VLException::operator=(VLException const& other) {
     return *this;
 }
 
-char const* VLException::what() const noexcept { return text_.c_str(); }
+char const* VLException::what() const noexcept {
+    return text_.c_str();
+}
 
-std::ostream& operator<<(std::ostream& os, VLException const& e) { return os << e.what(); }
+std::ostream& operator<<(std::ostream& os, VLException const& e) {
+    return os << e.what();
+}

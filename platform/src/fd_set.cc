@@ -12,8 +12,12 @@ namespace {
 
 constexpr int kWordBits = 64;
 
-std::size_t wordOf(int fd) { return static_cast<std::size_t>(fd) / kWordBits; }
-std::uint64_t bitOf(int fd) { return std::uint64_t{1} << (static_cast<unsigned>(fd) % kWordBits); }
+std::size_t wordOf(int fd) {
+    return static_cast<std::size_t>(fd) / kWordBits;
+}
+std::uint64_t bitOf(int fd) {
+    return std::uint64_t{1} << (static_cast<unsigned>(fd) % kWordBits);
+}
 
 }  // namespace
 

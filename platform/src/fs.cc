@@ -1,11 +1,12 @@
 // File-system helpers: creating paths, removing trees, testing for directories.
 #include "vlplatform/fs.h"
 
-#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "vlplatform/exceptions.h"
 

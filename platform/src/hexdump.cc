@@ -1,8 +1,8 @@
 // The hex dump trace aid.
-#include "vlplatform/log_util.h"
-
 #include <cstddef>
 #include <string>
+
+#include "vlplatform/log_util.h"
 
 namespace {
 
@@ -16,8 +16,8 @@ void appendHex(std::string& line, unsigned long value, int digits) {
 
 // One line of the dump: `count` bytes from `bytes`, which lie `offset` bytes
 // after the start of the dump, in a line of `width` bytes.
-std::string dumpLine(unsigned char const* bytes, std::size_t count, std::size_t offset,
-                     char const* label, unsigned width, int prefixKind, bool ascii) {
+std::string dumpLine(unsigned char const* bytes, std::size_t count, std::size_t offset, char const* label,
+                     unsigned width, int prefixKind, bool ascii) {
     std::string line(label ? label : "");
     line += ": ";
     if (prefixKind == 1) {
@@ -43,8 +43,8 @@ std::string dumpLine(unsigned char const* bytes, std::size_t count, std::size_t 
 
 }  // namespace
 
-void hexdump(std::ostream& os, unsigned char const* first, unsigned char const* last,
-             char const* label, unsigned width, int prefixKind, bool ascii) {
+void hexdump(std::ostream& os, unsigned char const* first, unsigned char const* last, char const* label,
+             unsigned width, int prefixKind, bool ascii) {
     if (width == 0) width = 16;
     if (!first || !last || last <= first) return;
     std::size_t total = static_cast<std::size_t>(last - first);

@@ -1,13 +1,12 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vlplatform/exceptions.h>
 #include <vlplatform/ini_parser.h>
 
 #include <cerrno>
-#include <fcntl.h>
 #include <ios>
-#include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
-
-#include <vlplatform/exceptions.h>
 
 namespace {
 
@@ -66,7 +65,9 @@ std::string readFile(std::string const& path) {
     return content;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 // `text` without the blanks and tabs at either end.
 std::string trim(std::string const& text, std::size_t first, std::size_t last) {

@@ -22,15 +22,25 @@ constexpr unsigned kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
 // A forked child shares its parent's epoll instance until it execs; it must
 // never change the parent's registrations, so it starts an instance of its own.
 std::atomic<unsigned long> forks{0};
-void countForkInChild() { forks.fetch_add(1); }
+void countForkInChild() {
+    forks.fetch_add(1);
+}
 struct ForkWatch {
     ForkWatch() { pthread_atfork(nullptr, nullptr, countForkInChild); }
 } const forkWatch;
 
-std::size_t wordOf(int fd) { return static_cast<std::size_t>(fd) / kWordBits; }
-std::uint64_t bitOf(int fd) { return std::uint64_t{1} << (static_cast<unsigned>(fd) % kWordBits); }
-std::uint64_t wordAt(InterestSet::Bits const& bits, std::size_t i) { return i < bits.size() ? bits[i] : 0; }
-bool has(InterestSet::Bits const& bits, int fd) { return (wordAt(bits, wordOf(fd)) & bitOf(fd)) != 0; }
+std::size_t wordOf(int fd) {
+    return static_cast<std::size_t>(fd) / kWordBits;
+}
+std::uint64_t bitOf(int fd) {
+    return std::uint64_t{1} << (static_cast<unsigned>(fd) % kWordBits);
+}
+std::uint64_t wordAt(InterestSet::Bits const& bits, std::size_t i) {
+    return i < bits.size() ? bits[i] : 0;
+}
+bool has(InterestSet::Bits const& bits, int fd) {
+    return (wordAt(bits, wordOf(fd)) & bitOf(fd)) != 0;
+}
 
 std::uint64_t pack(std::uint32_t token, int fd) {
     return std::uint64_t{token} << 32 | static_cast<std::uint32_t>(fd);
@@ -284,8 +294,8 @@ int InterestSet::wait(Bits& rd, Bits& wr, int timeoutMs) {
     for (;;) {
         bool stale = false;
         ready_.clear();
-        int const rc = polled_.empty() ? waitKernel(deadline.leftMs(), stale)
-                                       : waitPolled(deadline.leftMs(), stale);
+        int const rc =
+            polled_.empty() ? waitKernel(deadline.leftMs(), stale) : waitPolled(deadline.leftMs(), stale);
         if (rc == -1) return -1;
         if (stale) rebuild();
         // Only stale events: nothing happened that was asked for; wait on.
@@ -315,7 +325,8 @@ int InterestSet::waitKernel(int timeoutMs, bool& stale) {
 int InterestSet::waitPolled(int timeoutMs, bool& stale) {
     pollfds_.clear();
     for (int fd : polled_) {
-        short const events = static_cast<short>((has(askedRd_, fd) ? POLLIN : 0) | (has(askedWr_, fd) ? POLLOUT : 0));
+        short const events =
+            static_cast<short>((has(askedRd_, fd) ? POLLIN : 0) | (has(askedWr_, fd) ? POLLOUT : 0));
         pollfds_.push_back(pollfd{fd, events, 0});
     }
     if (epfd_ >= 0 && kernelCount_ > 0) pollfds_.push_back(pollfd{epfd_, POLLIN, 0});

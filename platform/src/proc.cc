@@ -1,13 +1,14 @@
 // Forking, stopping and reaping the children of one parent.
 #include "vlplatform/proc.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 

@@ -1,14 +1,14 @@
 // Pseudo-terminal pairs.
-#include "vlplatform/net.h"
-
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
 #include "vlplatform/descriptors.h"
+#include "vlplatform/net.h"
 
 namespace {
 

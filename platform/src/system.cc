@@ -1,12 +1,13 @@
 // Facts about the machine, and running shell commands.
 #include "vlplatform/system.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 unsigned long getTotalRam() {
     struct sysinfo info;

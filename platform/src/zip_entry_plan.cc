@@ -1,8 +1,9 @@
 // Checking every entry of an archive before anything is extracted. Packages
 // come from outside the device, so each name is taken as hostile: libzip hands
 // names back exactly as stored.
-#include <cerrno>
 #include <sys/stat.h>
+
+#include <cerrno>
 
 #include "zip_support.h"
 #include "zip_unpack.h"
@@ -56,7 +57,8 @@ PlannedEntry planEntry(zip_t* archive, zip_uint64_t index) {
     entry.name = st.name;
     mode_t const mode = unixMode(archive, index);
     if ((mode & S_IFMT) == S_IFLNK) refuse(entry.name, "symbolic link");
-    if (!(st.valid & ZIP_STAT_SIZE) || !(st.valid & ZIP_STAT_COMP_SIZE)) refuse(entry.name, "no declared size");
+    if (!(st.valid & ZIP_STAT_SIZE) || !(st.valid & ZIP_STAT_COMP_SIZE))
+        refuse(entry.name, "no declared size");
     entry.path = relativePath(entry.name);
     entry.directory = entry.name.back() == '/' || (mode & S_IFMT) == S_IFDIR;
     if (entry.path.empty() && !entry.directory) refuse(entry.name, "empty name");

@@ -1,9 +1,10 @@
 // Writing checked entries below a private scratch root.
-#include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "zip_support.h"
@@ -71,7 +72,8 @@ void makeDirectory(std::string const& path) {
 // Makes the directories of `relative` below `root` up to, not including, its
 // last component.
 void makeParents(std::string const& root, std::string const& relative) {
-    for (std::size_t slash = relative.find('/'); slash != std::string::npos; slash = relative.find('/', slash + 1)) {
+    for (std::size_t slash = relative.find('/'); slash != std::string::npos;
+         slash = relative.find('/', slash + 1)) {
         makeDirectory(root + "/" + relative.substr(0, slash));
     }
 }

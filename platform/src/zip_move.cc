@@ -1,10 +1,10 @@
 // Moving a completely extracted archive from its scratch folder into place.
-#include <cerrno>
-#include <cstdio>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <vlplatform/fs.h>
+
+#include <cerrno>
+#include <cstdio>
 
 #include "zip_support.h"
 #include "zip_unpack.h"

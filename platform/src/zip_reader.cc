@@ -1,15 +1,14 @@
 // zipper::unZipWithDirs: check the destination, every entry and the sizes they
 // declare, extract into a hidden scratch folder inside the destination, then
 // move the result into place.
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vlplatform/fs.h>
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
-
-#include <vlplatform/fs.h>
 
 #include "zip_support.h"
 #include "zip_unpack.h"
@@ -38,7 +37,8 @@ private:
 };
 
 Destination::Destination(std::string const& path) {
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
         makeLevel(path.substr(0, slash));
     }
     makeLevel(path);
@@ -108,7 +108,8 @@ unsigned long unzip(std::string const& archive, std::string const& dest, std::st
     }
     {
         Scratch scratch(dest);
-        for (detail::PlannedEntry const& entry : entries) detail::extractEntry(za.get(), entry, scratch.path());
+        for (detail::PlannedEntry const& entry : entries)
+            detail::extractEntry(za.get(), entry, scratch.path());
         detail::moveIntoPlace(scratch.path(), dest);
     }
     destination.keep();

@@ -4,12 +4,12 @@
 #pragma once
 
 #include <dirent.h>
+#include <zip.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <zip.h>
 
 namespace zipper {
 namespace detail {

@@ -3,12 +3,12 @@
 // moving the result into place.
 #pragma once
 
+#include <sys/types.h>
+#include <zip.h>
+
 #include <ctime>
 #include <string>
-#include <sys/types.h>
 #include <vector>
-
-#include <zip.h>
 
 namespace zipper {
 namespace detail {
@@ -26,8 +26,8 @@ constexpr zip_uint64_t kRatioFloor = 1 << 20;
 // One archive entry, checked, as it will be extracted.
 struct PlannedEntry {
     zip_uint64_t index;
-    std::string name;             // as stored, for messages
-    std::string path;             // relative path below the destination, components joined by '/'
+    std::string name;  // as stored, for messages
+    std::string path;  // relative path below the destination, components joined by '/'
     bool directory;
     bool hasMode;                 // the archive gives Unix permission bits
     mode_t mode;                  // those bits (07777 mask), when hasMode

@@ -1,11 +1,11 @@
 // zipper::zipFolderAsFolder and zipFolderContents: a folder, recursively, into a fresh archive.
+#include <sys/stat.h>
 #include <vlplatform/zipper.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <set>
-#include <sys/stat.h>
 #include <utility>
 
 #include "zip_support.h"
@@ -51,7 +51,8 @@ void FolderWriter::addDirectory(std::string const& path, std::string const& name
     ++entries_;
     setMode(index, name, ((S_IFDIR | (st.st_mode & 07777)) << 16) | kDosDirectory);
     zip_file_set_mtime(archive_, static_cast<zip_uint64_t>(index), st.st_mtime, 0);
-    for (std::string const& child : detail::listDirectory(path)) addChild(path + "/" + child, name + "/" + child);
+    for (std::string const& child : detail::listDirectory(path))
+        addChild(path + "/" + child, name + "/" + child);
     openDirectories_.erase({st.st_dev, st.st_ino});
 }
 
@@ -86,7 +87,8 @@ void FolderWriter::addFile(std::string const& path, std::string const& name, str
 }
 
 void FolderWriter::setMode(zip_int64_t index, std::string const& name, zip_uint32_t attributes) {
-    if (zip_file_set_external_attributes(archive_, static_cast<zip_uint64_t>(index), 0, ZIP_OPSYS_UNIX, attributes) != 0) {
+    if (zip_file_set_external_attributes(archive_, static_cast<zip_uint64_t>(index), 0, ZIP_OPSYS_UNIX,
+                                         attributes) != 0) {
         throw archiveFailure("cannot set the mode of " + detail::quoted(name));
     }
 }
@@ -134,7 +136,8 @@ unsigned long zipFolder(std::string const& folder, std::string const& archive, b
     // libzip writes the archive into a temporary file beside `archive` and
     // renames it over the old one only when everything was written; on any
     // failure the old archive stays as it was.
-    if (zip_close(za.get()) != 0) throw detail::zipFailure("cannot write " + archive, zip_get_error(za.get()));
+    if (zip_close(za.get()) != 0)
+        throw detail::zipFailure("cannot write " + archive, zip_get_error(za.get()));
     za.release();
     return writer.entries();
 }

@@ -1,3 +1,4 @@
+#include <vlplatform/log_util.h>
 #include <vlplatform/zipper.h>
 
 #include <algorithm>
@@ -8,8 +9,6 @@
 #include <mutex>
 #include <new>
 #include <system_error>
-
-#include <vlplatform/log_util.h>
 
 #include "zip_support.h"
 
@@ -41,7 +40,9 @@ detail::Failure attempt(std::function<unsigned long()> const& body, unsigned lon
 
 }  // namespace
 
-void setDebug(unsigned level) { debugLevel.store(level); }
+void setDebug(unsigned level) {
+    debugLevel.store(level);
+}
 
 namespace detail {
 

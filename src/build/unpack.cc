@@ -1,13 +1,13 @@
 // Installation of the module package: packageDir/nxa.zip holds one zip archive
 // per module; each becomes modulesDir/<archive name without ".zip">.
-#include <cerrno>
 #include <dirent.h>
-#include <memory>
-#include <optional>
 #include <sys/stat.h>
-
 #include <vlplatform/fs.h>
 #include <vlplatform/zipper.h>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
 
 #include "client/trace.h"
 #include "nxaclient.h"
@@ -23,7 +23,8 @@ struct DirCloser {
 // Empties the modules directory, or creates it when it is not a directory.
 void resetModulesDir(std::string const& modulesDir) {
     if (isDirectory(modulesDir.c_str(), std::nothrow)) {
-        if (rmDir(modulesDir, false) == -1) throw IOException(errno, "cannot remove contents of " + modulesDir);
+        if (rmDir(modulesDir, false) == -1)
+            throw IOException(errno, "cannot remove contents of " + modulesDir);
     } else if (mkdir(modulesDir.c_str(), 0777) == -1) {
         throw IOException(errno, "cannot create " + modulesDir);
     }
@@ -40,7 +41,8 @@ void removeScratchDir() {
 // text after that dot is exactly "zip" (case matters); nothing otherwise.
 std::optional<std::string> moduleNameOf(std::string const& entry) {
     std::string::size_type dot = entry.rfind('.');
-    if (dot == std::string::npos || entry.compare(dot + 1, std::string::npos, "zip") != 0) return std::nullopt;
+    if (dot == std::string::npos || entry.compare(dot + 1, std::string::npos, "zip") != 0)
+        return std::nullopt;
     return entry.substr(0, dot);
 }
 

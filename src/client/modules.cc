@@ -1,9 +1,10 @@
 // The module registry: one module per configured name with its own port, and
 // the removal of modules whose manifest does not fit the machine.
-#include <cerrno>
-#include <cstdint>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
 
 #include "client/trace.h"
 #include "nxaclient.h"

@@ -2,13 +2,14 @@
 // fanning the host's polling calls and bus messages out to every module in
 // configuration order. Nothing here catches: the first exception ends the
 // fan-out and reaches the host.
-#include <cerrno>
-#include <set>
 #include <unistd.h>
 
+#include <cerrno>
+#include <set>
+
 #include "client/trace.h"
-#include "nxaclient.h"
 #include "module/output_messages.h"
+#include "nxaclient.h"
 
 using nxa::trace::kModules;
 
@@ -91,9 +92,13 @@ bool NXAClient::Modules::handle(RouterMessage const& msg) const {
 
 // Each module subscribes its own bus peers; the registry only records that it
 // saw the request.
-void NXAClient::Modules::addPeer(std::string const& name) const { NXA_DEBUG(kModules, name); }
+void NXAClient::Modules::addPeer(std::string const& name) const {
+    NXA_DEBUG(kModules, name);
+}
 
-void NXAClient::Modules::removePeer(std::string const& name) const { NXA_DEBUG(kModules, name); }
+void NXAClient::Modules::removePeer(std::string const& name) const {
+    NXA_DEBUG(kModules, name);
+}
 
 void NXAClient::Modules::getRunLog(std::string& out) const {
     for (auto const& module : list) module->getRunLog(out);

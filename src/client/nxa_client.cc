@@ -1,9 +1,9 @@
 // The facade: configuration, the polling entry points (forwarded to the
 // registry) and the process-wide trace level.
-#include <stdexcept>
-
 #include <vlplatform/system.h>
 #include <vlplatform/zipper.h>
+
+#include <stdexcept>
 
 #include "client/trace.h"
 #include "nxaclient.h"
@@ -22,8 +22,8 @@ std::string requireText(char const* text) {
 }  // namespace
 
 NXAClient::NXAClient(char const* packageDirArg, char const* modulesDirArg, char const* workDirArg,
-                     unsigned long /* accepted and ignored */, unsigned short port,
-                     unsigned long maxModules, std::string const& spareTextArg, unsigned int level)
+                     unsigned long /* accepted and ignored */, unsigned short port, unsigned long maxModules,
+                     std::string const& spareTextArg, unsigned int level)
     : packageDir(requireText(packageDirArg)),
       modulesDir(requireText(modulesDirArg)),
       workDir(requireText(workDirArg)),
@@ -35,26 +35,40 @@ NXAClient::NXAClient(char const* packageDirArg, char const* modulesDirArg, char 
     NXA_INFO(nxa::trace::kClient, "totalram=", totalRam, " joblimit=", joblimit);
 }
 
-NXAClient::~NXAClient() { modules.stop(); }
+NXAClient::~NXAClient() {
+    modules.stop();
+}
 
 void NXAClient::run() {
     unpack();
     modules.run();
 }
 
-void NXAClient::stop() { modules.stop(); }
+void NXAClient::stop() {
+    modules.stop();
+}
 
-void NXAClient::addFds(FdSet& rd, FdSet& wr) const { modules.addFds(rd, wr); }
+void NXAClient::addFds(FdSet& rd, FdSet& wr) const {
+    modules.addFds(rd, wr);
+}
 
-bool NXAClient::handle(RouterMessage const& msg) const { return modules.handle(msg); }
+bool NXAClient::handle(RouterMessage const& msg) const {
+    return modules.handle(msg);
+}
 
-void NXAClient::handleInput(FdSet const& rd) const { modules.handleInput(rd); }
+void NXAClient::handleInput(FdSet const& rd) const {
+    modules.handleInput(rd);
+}
 
-void NXAClient::handleOutput(FdSet const& wr) const { modules.handleOutput(wr); }
+void NXAClient::handleOutput(FdSet const& wr) const {
+    modules.handleOutput(wr);
+}
 
 void NXAClient::getRunLog(std::string& out) const {
     out.clear();
     modules.getRunLog(out);
 }
 
-std::vector<std::string> NXAClient::getModulesInstalled() const { return modules.getModuleNames(); }
+std::vector<std::string> NXAClient::getModulesInstalled() const {
+    return modules.getModuleNames();
+}

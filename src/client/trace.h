@@ -6,11 +6,11 @@
 // constructor, "~Module" in a destructor).
 #pragma once
 
+#include <vlplatform/log_util.h>
+
 #include <iostream>
 #include <mutex>
 #include <ostream>
-
-#include <vlplatform/log_util.h>
 
 #include "nxaclient.h"
 
@@ -82,17 +82,17 @@ void lineWithError(int err, char const* tag, char const* component, char const* 
 
 // DEBUG lines need a trace level other than 0; the guard is tested before
 // anything else is done, so at level 0 a line costs one integer test.
-#define NXA_DEBUG_AS(component, function, ...)                                                          \
-    do {                                                                                                \
-        if (NXAClient::debug != 0)                                                                      \
-            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__);      \
+#define NXA_DEBUG_AS(component, function, ...)                                                     \
+    do {                                                                                           \
+        if (NXAClient::debug != 0)                                                                 \
+            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__); \
     } while (0)
 
 // Detailed DEBUG lines (per-chunk I/O, queue sizes, addresses) need a level above 1.
-#define NXA_DETAIL_AS(component, function, ...)                                                         \
-    do {                                                                                                \
-        if (NXAClient::debug > 1)                                                                       \
-            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__);      \
+#define NXA_DETAIL_AS(component, function, ...)                                                    \
+    do {                                                                                           \
+        if (NXAClient::debug > 1)                                                                  \
+            ::nxa::trace::line(std::cout, ::nxa::trace::kDebug, component, function, __VA_ARGS__); \
     } while (0)
 
 // The same, named after the function that writes the line.

@@ -10,7 +10,9 @@ namespace {
 constexpr char kRunLogId[] = "client";
 constexpr char kTelnetPrefix[] = "telnet:";
 
-bool isTelnet(std::string const& id) { return id.compare(0, sizeof kTelnetPrefix - 1, kTelnetPrefix) == 0; }
+bool isTelnet(std::string const& id) {
+    return id.compare(0, sizeof kTelnetPrefix - 1, kTelnetPrefix) == 0;
+}
 
 // "a.b.c.d:port" of the peer connected to the telnet id's descriptor; empty when unknown.
 std::string peerAddress(std::string const& id) {
@@ -22,7 +24,8 @@ std::string peerAddress(std::string const& id) {
     }
     sockaddr_in addr{};
     socklen_t len = sizeof addr;
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || addr.sin_family != AF_INET) return {};
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || addr.sin_family != AF_INET)
+        return {};
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
     return std::string(text) + ":" + std::to_string(ntohs(addr.sin_port));

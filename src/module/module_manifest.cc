@@ -60,6 +60,6 @@ bool NXAClient::Module::manifestFits(std::string const& path, std::string const&
         return false;
     }
     NXA_DEBUG_AS(kModule, kScan, "name=", moduleName->second, " arch=", arch->second,
-                     ", _machinearch=", machinearch);
+                 ", _machinearch=", machinearch);
     return moduleName->second == name && runsOn(arch->second, machinearch);
 }

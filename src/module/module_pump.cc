@@ -11,8 +11,8 @@
 #include <mutex>
 
 #include "module/module_trace.h"
-#include "nxaclient.h"
 #include "module/output_messages.h"
+#include "nxaclient.h"
 
 namespace {
 
@@ -62,7 +62,8 @@ void NXAClient::Module::readTerminal() {
     unsigned char chunk[kTerminalChunk];
     ssize_t n = ::read(master, chunk, sizeof chunk);
     int err = errno;
-    NXA_DETAIL_AS(kModule, kHandleInput, "read (", n, ") data from the PTY master=", master, " to bufChild2Conn");
+    NXA_DETAIL_AS(kModule, kHandleInput, "read (", n, ") data from the PTY master=", master,
+                  " to bufChild2Conn");
     if (n == -1) throw IOException(err, "cannot read from PTTY");  // misspelt on purpose
     if (n > 0) {
         dumpTerminalChunk(chunk, static_cast<std::size_t>(n));
@@ -96,7 +97,7 @@ void NXAClient::Module::writeTerminal() {
     ssize_t n = ::write(master, bufConn2Child.data(), bufConn2Child.size());
     int err = errno;
     NXA_DETAIL_AS(kModule, kHandleOutput, "write (", bufConn2Child.size(), "/", n,
-                      ") data from bufConn2Child to the PTY master=", master);
+                  ") data from bufConn2Child to the PTY master=", master);
     if (n == -1) throw IOException(err, "cannot write to PTY master");
     if (n > 0) {
         bufConn2Child.erase(0, static_cast<std::size_t>(n));

@@ -212,7 +212,8 @@ Outcome runAs(unsigned uid, std::function<void()> const& operation) {
 
 std::string namesOutsideWorkspace() {
     return nxatest::shell(
-               "find /tmp /var/opt /var/opt/velmora -mindepth 1 -maxdepth 1 ! -path /var/opt/velmora/work | sort; "
+               "find /tmp /var/opt /var/opt/velmora -mindepth 1 -maxdepth 1 ! -path /var/opt/velmora/work | "
+               "sort; "
                "find /opt/velmora | sort")
         .output;
 }

@@ -13,12 +13,14 @@ std::string dynamicSection() {
 }
 
 TEST(Library, SonameIsLibnxaclientSo0) {
-    EXPECT_NE(dynamicSection().find("(SONAME)             Library soname: [libnxaclient.so.0]"), std::string::npos)
+    EXPECT_NE(dynamicSection().find("(SONAME)             Library soname: [libnxaclient.so.0]"),
+              std::string::npos)
         << dynamicSection();
 }
 
 TEST(Library, NeedsThePlatformLibraryBySoname) {
-    EXPECT_NE(dynamicSection().find("(NEEDED)             Shared library: [libvlplatform.so.0]"), std::string::npos)
+    EXPECT_NE(dynamicSection().find("(NEEDED)             Shared library: [libvlplatform.so.0]"),
+              std::string::npos)
         << dynamicSection();
 }
 

@@ -1,10 +1,11 @@
 // The module registry: configuration with ports and limit, and the manifest scan.
-#include <cerrno>
-#include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "capture.h"
 #include "registry_fixture.h"
@@ -96,11 +97,17 @@ TEST_F(Registry, ConfigureTracesTheCountsAtLevelOne) {
     modules.configure({"a", "b"});
     std::string const text = out.text();
     EXPECT_EQ(text.rfind("[DEBUG] NXAModules::configure() #modulenames=2\n"
-                         "[DEBUG] NXAModules::stop() pid=" + pid() + "\n"
-                         "[DEBUG] NXAModules::stop() pid=" + pid() + " done\n", 0), 0u)
+                         "[DEBUG] NXAModules::stop() pid=" +
+                             pid() +
+                             "\n"
+                             "[DEBUG] NXAModules::stop() pid=" +
+                             pid() + " done\n",
+                         0),
+              0u)
         << text;
-    std::string const tail = "[WARNING] NXAModules::configure() number of modules exceeded\n"
-                             "[DEBUG] NXAModules::configure() #modules=1 done\n";
+    std::string const tail =
+        "[WARNING] NXAModules::configure() number of modules exceeded\n"
+        "[DEBUG] NXAModules::configure() #modules=1 done\n";
     ASSERT_GE(text.size(), tail.size());
     EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
 }
@@ -110,12 +117,17 @@ TEST_F(Registry, LimitZeroMakesNoModule) {
     NXAClient::debug = 1;
     nxatest::Capture out;
     modules.configure({"a", "b"});
-    EXPECT_EQ(out.text(), "[DEBUG] NXAModules::configure() #modulenames=2\n"
-                          "[DEBUG] NXAModules::stop() pid=" + pid() + "\n"
-                          "[DEBUG] NXAModules::stop() pid=" + pid() + " done\n"
-                          "[WARNING] NXAModules::configure() number of modules exceeded\n"
-                          "[WARNING] NXAModules::configure() number of modules exceeded\n"
-                          "[DEBUG] NXAModules::configure() #modules=0 done\n");
+    EXPECT_EQ(out.text(),
+              "[DEBUG] NXAModules::configure() #modulenames=2\n"
+              "[DEBUG] NXAModules::stop() pid=" +
+                  pid() +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid() +
+                  " done\n"
+                  "[WARNING] NXAModules::configure() number of modules exceeded\n"
+                  "[WARNING] NXAModules::configure() number of modules exceeded\n"
+                  "[DEBUG] NXAModules::configure() #modules=0 done\n");
     EXPECT_TRUE(modules.getModuleNames().empty());
 }
 
@@ -197,7 +209,10 @@ TEST_F(Registry, ScanKeepsTheModulesThatFitTheMachineWithTheirPorts) {
     EXPECT_EQ(boundPort(*list(modules)[1]), 21002);
     std::string const text = out.text();
     EXPECT_EQ(text.rfind("[DEBUG] NXAModules::scan() before: #modules=3\n"
-                         "[DEBUG] NXAModules::scan() machine=i686\n", 0), 0u) << text;
+                         "[DEBUG] NXAModules::scan() machine=i686\n",
+                         0),
+              0u)
+        << text;
     std::string const tail = "[DEBUG] NXAModules::scan() after: #modules=2\n";
     EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
 }

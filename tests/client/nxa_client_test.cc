@@ -1,5 +1,6 @@
 // The facade: construction, the trace level it sets, and its forwarding.
 #include <gtest/gtest.h>
+
 #include <stdexcept>
 
 #include "capture.h"
@@ -7,7 +8,9 @@
 
 // The machine's memory as the tests want it: interposed for the library.
 static unsigned long fakeRam = 0;
-unsigned long getTotalRam() { return fakeRam; }
+unsigned long getTotalRam() {
+    return fakeRam;
+}
 
 namespace {
 
@@ -69,18 +72,37 @@ TEST_F(Facade, LevelOneLifeTracesTheRegistry) {
     EXPECT_EQ(out.text(),
               "[INFO] NXAClient::NXAClient() totalram=1073741824 joblimit=536870912\n"
               "[DEBUG] NXAModules::configure() #modulenames=0\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + "\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + " done\n"
-              "[DEBUG] NXAModules::configure() #modules=0 done\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + "\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + " done\n"
-              // the facade's destructor stops, then the registry's destructor stops again
-              "[DEBUG] NXAModules::stop() pid=" + pid + "\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + " done\n"
-              "[DEBUG] NXAModules::~Modules() pid=" + pid + "\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + "\n"
-              "[DEBUG] NXAModules::stop() pid=" + pid + " done\n"
-              "[DEBUG] NXAModules::~Modules() pid=" + pid + " done\n");
+              "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  " done\n"
+                  "[DEBUG] NXAModules::configure() #modules=0 done\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  " done\n"
+                  // the facade's destructor stops, then the registry's destructor stops again
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  " done\n"
+                  "[DEBUG] NXAModules::~Modules() pid=" +
+                  pid +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  "\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  pid +
+                  " done\n"
+                  "[DEBUG] NXAModules::~Modules() pid=" +
+                  pid + " done\n");
 }
 
 TEST_F(Facade, NullDirectoriesAreRefused) {

@@ -1,10 +1,11 @@
 #include "package_builder.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
 
 #include "shell.h"
 
@@ -22,10 +23,13 @@ TempDir::~TempDir() {
 
 std::string manifestText(std::string const& name, std::string const& arch) {
     return "# Development package created by vllib 11.1.0.4\n"
-           "name\t\t=\t" + name + "\n"
+           "name\t\t=\t" +
+           name +
+           "\n"
            "version\t\t=\t1.0\n"
            "minFWVersion\t=\t0.0\n"
-           "architecture\t=\t" + arch + "\n";
+           "architecture\t=\t" +
+           arch + "\n";
 }
 
 std::string makeModuleZip(std::string const& staging, std::string const& name, std::string const& arch,
@@ -33,14 +37,17 @@ std::string makeModuleZip(std::string const& staging, std::string const& name, s
     std::string const dir = staging + "/" + name;
     mkdir(dir.c_str(), 0755);
     if (!arch.empty()) nxatest::writeFile(dir + "/Manifest", manifestText(name, arch));
-    nxatest::writeFile(dir + "/" + name, "#!/bin/sh\nprintf '%s' '" + greeting + "'\nexec sleep 1000\n", 0755);
+    nxatest::writeFile(dir + "/" + name, "#!/bin/sh\nprintf '%s' '" + greeting + "'\nexec sleep 1000\n",
+                       0755);
     std::string const archive = staging + "/" + name + ".zip";
-    nxatest::ShellResult r = nxatest::shell("cd '" + dir + "' && rm -f '" + archive + "' && zip -q -r '" + archive + "' .");
+    nxatest::ShellResult r =
+        nxatest::shell("cd '" + dir + "' && rm -f '" + archive + "' && zip -q -r '" + archive + "' .");
     EXPECT_EQ(r.status, 0) << r.output;
     return archive;
 }
 
-void makePackage(std::string const& staging, std::string const& package, std::vector<std::string> const& files) {
+void makePackage(std::string const& staging, std::string const& package,
+                 std::vector<std::string> const& files) {
     std::string command = "cd '" + staging + "' && rm -f '" + package + "' && zip -q -r '" + package + "'";
     for (std::string const& f : files) command += " '" + f + "'";
     nxatest::ShellResult r = nxatest::shell(command);

@@ -31,7 +31,8 @@ std::string makeModuleZip(std::string const& staging, std::string const& name, s
 
 // Zips the given files of `staging` (names relative to it) into `package`,
 // replacing it. Fails the test when zip fails.
-void makePackage(std::string const& staging, std::string const& package, std::vector<std::string> const& files);
+void makePackage(std::string const& staging, std::string const& package,
+                 std::vector<std::string> const& files);
 
 // The names in `dir` (without "." and ".."), sorted; empty when it cannot be read.
 std::vector<std::string> listDir(std::string const& dir);

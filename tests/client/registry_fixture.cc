@@ -1,9 +1,10 @@
 #include "registry_fixture.h"
 
-#include <fstream>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+
+#include <fstream>
 
 #include "package_builder.h"
 #include "sandbox.h"
@@ -60,6 +61,8 @@ void RegistryTest::SetUp() {
     mkdir(kModulesDir, 0755);
 }
 
-void RegistryTest::TearDown() { NXAClient::debug = 0; }
+void RegistryTest::TearDown() {
+    NXAClient::debug = 0;
+}
 
 }  // namespace nxaclienttest

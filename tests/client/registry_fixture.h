@@ -1,13 +1,14 @@
 // What the registry and supervision tests share.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <functional>
-#include <gtest/gtest.h>
 #include <string>
 
-#include "nxaclient.h"
 #include "nxa_test_access.h"
+#include "nxaclient.h"
 
 namespace nxaclienttest {
 
@@ -21,7 +22,8 @@ unsigned short boundPort(NXAClient::Module const& module);
 
 // Writes "/var/opt/velmora/nxa/<name>/Manifest" for `arch` and the program
 // "/var/opt/velmora/nxa/<name>/<name>", a /bin/sh script made of `body`.
-void installModule(std::string const& name, std::string const& arch, std::string const& body = "exec sleep 1000");
+void installModule(std::string const& name, std::string const& arch,
+                   std::string const& body = "exec sleep 1000");
 
 // One turn of a host loop over the registry: addFds, wait (at most timeoutMs),
 // handleInput, handleOutput.

@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <vlplatform/log_util.h>
 
 #include "capture.h"
-#include "shell.h"
 #include "registry_fixture.h"
+#include "shell.h"
 
 namespace {
 
@@ -27,7 +26,8 @@ protected:
     pid_t childOf(std::size_t k) { return NXATestAccess::childpid(module(k)); }
     static std::string pid() { return std::to_string(getpid()); }
 
-    static RouterMessage systemMessage(std::string const& sender, unsigned char kind, std::string const& text) {
+    static RouterMessage systemMessage(std::string const& sender, unsigned char kind,
+                                       std::string const& text) {
         SystemMessage sm;
         sm.setKind(kind);
         sm.setText(text);
@@ -43,9 +43,11 @@ TEST_F(Supervision, RunStartsOneChildPerModuleInListOrder) {
     nxatest::Capture out;
     modules.run();
     std::string const text = out.text();
-    std::string const head = "[DEBUG] NXAModules::run() pid=" + pid() + "\n"
+    std::string const head = "[DEBUG] NXAModules::run() pid=" + pid() +
+                             "\n"
                              "[DEBUG] NXAModules::run() OK, no childs running\n"
-                             "[DEBUG] NXAModule::run() pid=" + pid() + " name=a\n";
+                             "[DEBUG] NXAModule::run() pid=" +
+                             pid() + " name=a\n";
     EXPECT_EQ(text.rfind(head, 0), 0u) << text;
     std::size_t const a = text.find("name=a\n"), b = text.find("name=b\n");
     EXPECT_LT(a, b);
@@ -89,9 +91,11 @@ TEST_F(Supervision, RunOnAnEmptyRegistryOnlyChecks) {
     NXAClient::debug = 1;
     nxatest::Capture out;
     modules.run();
-    EXPECT_EQ(out.text(), "[DEBUG] NXAModules::run() pid=" + pid() + "\n"
-                          "[DEBUG] NXAModules::run() OK, no childs running\n"
-                          "[DEBUG] NXAModules::run() pid=" + pid() + " done\n");
+    EXPECT_EQ(out.text(), "[DEBUG] NXAModules::run() pid=" + pid() +
+                              "\n"
+                              "[DEBUG] NXAModules::run() OK, no childs running\n"
+                              "[DEBUG] NXAModules::run() pid=" +
+                              pid() + " done\n");
 }
 
 TEST_F(Supervision, StopEndsEveryChildAndEmptiesTheList) {
@@ -120,10 +124,14 @@ TEST_F(Supervision, DestroyingTheRegistryStopsTheChildren) {
     }
     EXPECT_FALSE(processAlive(a));
     std::string const text = out.text();
-    std::string const begin = "[DEBUG] NXAModules::~Modules() pid=" + pid() + "\n"
-                              "[DEBUG] NXAModules::stop() pid=" + pid() + "\n";
-    std::string const end = "[DEBUG] NXAModules::stop() pid=" + pid() + " done\n"
-                            "[DEBUG] NXAModules::~Modules() pid=" + pid() + " done\n";
+    std::string const begin = "[DEBUG] NXAModules::~Modules() pid=" + pid() +
+                              "\n"
+                              "[DEBUG] NXAModules::stop() pid=" +
+                              pid() + "\n";
+    std::string const end = "[DEBUG] NXAModules::stop() pid=" + pid() +
+                            " done\n"
+                            "[DEBUG] NXAModules::~Modules() pid=" +
+                            pid() + " done\n";
     std::size_t const at = text.find(begin);
     ASSERT_NE(at, std::string::npos) << text;
     EXPECT_EQ(text.substr(text.size() - end.size()), end) << text;
@@ -134,7 +142,8 @@ TEST_F(Supervision, AMessageWithoutPayloadIsNotForTheModules) {
     NXAClient::debug = 1;
     nxatest::Capture out;
     EXPECT_FALSE(modules.handle(RouterMessage("viewer", nullptr)));
-    EXPECT_FALSE(modules.handle(RouterMessage("viewer", SystemSetStateVlpBusMessage("running", "", 0).clone())));
+    EXPECT_FALSE(
+        modules.handle(RouterMessage("viewer", SystemSetStateVlpBusMessage("running", "", 0).clone())));
     EXPECT_EQ(out.text(), "");
 }
 
@@ -146,11 +155,13 @@ TEST_F(Supervision, StartAndStopRequestsAreOnlyRecorded) {
     nxatest::Capture out;
     EXPECT_TRUE(modules.handle(start));
     EXPECT_TRUE(modules.handle(stop));
-    EXPECT_EQ(out.text(),
-              "[DEBUG] NXAModules::handle() received " + makeString(*start.message()) + " from viewer\n"
-              "[DEBUG] NXAModules::addPeer() viewer\n"
-              "[DEBUG] NXAModules::handle() received " + makeString(*stop.message()) + " from viewer\n"
-              "[DEBUG] NXAModules::removePeer() viewer\n");
+    EXPECT_EQ(out.text(), "[DEBUG] NXAModules::handle() received " + makeString(*start.message()) +
+                              " from viewer\n"
+                              "[DEBUG] NXAModules::addPeer() viewer\n"
+                              "[DEBUG] NXAModules::handle() received " +
+                              makeString(*stop.message()) +
+                              " from viewer\n"
+                              "[DEBUG] NXAModules::removePeer() viewer\n");
     EXPECT_EQ(NXATestAccess::peers(module(0)).size(), 1u);
 }
 
@@ -162,9 +173,10 @@ TEST_F(Supervision, OtherCommandsAreTracedAndRefused) {
     nxatest::Capture out;
     EXPECT_FALSE(modules.handle(other));
     EXPECT_FALSE(modules.handle(kind));
-    EXPECT_EQ(out.text(),
-              "[DEBUG] NXAModules::handle() received " + makeString(*other.message()) + " from viewer\n"
-              "[DEBUG] NXAModules::handle() received " + makeString(*kind.message()) + " from viewer\n");
+    EXPECT_EQ(out.text(), "[DEBUG] NXAModules::handle() received " + makeString(*other.message()) +
+                              " from viewer\n"
+                              "[DEBUG] NXAModules::handle() received " +
+                              makeString(*kind.message()) + " from viewer\n");
 }
 
 TEST_F(Supervision, TextMessagesGoToEveryModulesPeers) {

@@ -1,12 +1,14 @@
 // The one trace frame shared by every component.
+#include "client/trace.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <gtest/gtest.h>
 #include <thread>
 
 #include "capture.h"
-#include "client/trace.h"
 
 namespace {
 
@@ -76,8 +78,9 @@ TEST_F(TraceFrame, EachLineIsOnStandardOutputWhenTheCallReturns) {
     NXA_DEBUG(kModules, "b");
     EXPECT_EQ(out.textUnflushed(), "[INFO] NXAClient::TestBody() a\n[DEBUG] NXAModules::TestBody() b\n");
     NXA_DETAIL(kPeer, "c");
-    EXPECT_EQ(out.textUnflushed(),
-              "[INFO] NXAClient::TestBody() a\n[DEBUG] NXAModules::TestBody() b\n[DEBUG] NXAPeer::TestBody() c\n");
+    EXPECT_EQ(
+        out.textUnflushed(),
+        "[INFO] NXAClient::TestBody() a\n[DEBUG] NXAModules::TestBody() b\n[DEBUG] NXAPeer::TestBody() c\n");
 }
 
 TEST_F(TraceFrame, PiecesAreStreamedAsTheyAre) {
@@ -100,7 +103,9 @@ TEST_F(TraceFrame, ConstructorsAndDestructorsAreNamedAfterTheirClass) {
 }
 
 int evaluations = 0;
-int counted() { return ++evaluations; }
+int counted() {
+    return ++evaluations;
+}
 
 TEST_F(TraceFrame, GuardedPiecesAreNotEvaluatedBelowTheirLevel) {
     nxatest::Capture out;
@@ -158,18 +163,21 @@ TEST_F(TraceFrame, LinesOfManyThreadsNeverInterleave) {
 
 TEST_F(TraceFrame, AnOpenLineContinuesWithTheNextLine) {
     nxatest::Capture out;
-    nxa::trace::unterminated(std::cout, nxa::trace::kWarning, kClient, "unpack", "cannot unzip ", "a", " to ", "b");
+    nxa::trace::unterminated(std::cout, nxa::trace::kWarning, kClient, "unpack", "cannot unzip ", "a", " to ",
+                             "b");
     EXPECT_EQ(out.textUnflushed(), "");
     NXA_INFO(kModules, "next");
-    EXPECT_EQ(out.textUnflushed(), "[WARNING] NXAClient::unpack() cannot unzip a to b[INFO] NXAModules::TestBody() next\n");
+    EXPECT_EQ(out.textUnflushed(),
+              "[WARNING] NXAClient::unpack() cannot unzip a to b[INFO] NXAModules::TestBody() next\n");
 }
 
 TEST_F(TraceFrame, TheErrorReportOnStandardErrorEndsWithTheSystemText) {
     nxatest::CaptureBoth both;
-    nxa::trace::lineWithError(ENOENT, nxa::trace::kError, kModule, "scan", "cannot parse ", "/m/Manifest", ": ",
-                              "what");
+    nxa::trace::lineWithError(ENOENT, nxa::trace::kError, kModule, "scan", "cannot parse ", "/m/Manifest",
+                              ": ", "what");
     EXPECT_EQ(both.out.text(), "");
-    EXPECT_EQ(both.err.text(), "[ERROR] NXAModule::scan() cannot parse /m/Manifest: whatNo such file or directory\n");
+    EXPECT_EQ(both.err.text(),
+              "[ERROR] NXAModule::scan() cannot parse /m/Manifest: whatNo such file or directory\n");
 }
 
 }  // namespace

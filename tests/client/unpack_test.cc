@@ -1,17 +1,16 @@
 // Installation of the module package into the modules directory.
-#include <algorithm>
-#include <cerrno>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <memory>
 #include <sys/stat.h>
-
 #include <vlplatform/fs.h>
 
-#include "nxaclient.h"
+#include <algorithm>
+#include <cerrno>
+#include <memory>
 
 #include "capture.h"
+#include "nxaclient.h"
 #include "package_builder.h"
 #include "sandbox.h"
 #include "shell.h"
@@ -30,7 +29,8 @@ int rmDir(std::string const& path, bool removeTop) {
         return -1;
     }
     using Real = int (*)(std::string const&, bool);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "_Z5rmDirRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"));
+    static Real real = reinterpret_cast<Real>(
+        dlsym(RTLD_NEXT, "_Z5rmDirRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"));
     return real(path, removeTop);
 }
 
@@ -72,8 +72,8 @@ protected:
     // A facade at `level` configured with `names` (modules on free ports from 21000).
     void configure(std::vector<std::string> const& names, unsigned level = 0) {
         nxatest::Capture quiet;
-        client = std::make_unique<NXAClient>(kPackageDir, kModulesDir, "/var/opt/velmora/work", 0, 21000, 16, "",
-                                             level);
+        client = std::make_unique<NXAClient>(kPackageDir, kModulesDir, "/var/opt/velmora/work", 0, 21000, 16,
+                                             "", level);
         client->modules.configure(names);
     }
 
@@ -98,7 +98,8 @@ TEST_F(Unpack, NothingConfiguredIgnoresAMissingPackage) {
     nxatest::Capture out;
     client->unpack();
     EXPECT_EQ(out.text(),
-              "[INFO] NXAClient::unpack() no modules configured, ignore not existing /var/opt/velmora/pkg/nxa.zip\n");
+              "[INFO] NXAClient::unpack() no modules configured, ignore not existing "
+              "/var/opt/velmora/pkg/nxa.zip\n");
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"keep"});
 }
 
@@ -109,7 +110,8 @@ TEST_F(Unpack, NothingConfiguredLeavesAnExistingPackageAlone) {
     nxatest::Capture out;
     client->unpack();
     EXPECT_EQ(out.text(),
-              "[INFO] NXAClient::unpack() no modules configured, ignore not existing /var/opt/velmora/pkg/nxa.zip\n");
+              "[INFO] NXAClient::unpack() no modules configured, ignore not existing "
+              "/var/opt/velmora/pkg/nxa.zip\n");
     EXPECT_TRUE(listDir(kModulesDir).empty());
     EXPECT_FALSE(isDirectory("/tmp/nxa", std::nothrow));
 }
@@ -185,8 +187,9 @@ TEST_F(Unpack, SecondInstallationEmptiesAndRefills) {
     client->unpack();
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"a"});
     EXPECT_EQ(listDir(std::string(kModulesDir) + "/a"), (std::vector<std::string>{"Manifest", "a"}));
-    EXPECT_EQ(out.text(), "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n"
-                          "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n");
+    EXPECT_EQ(out.text(),
+              "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n"
+              "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n");
 }
 
 TEST_F(Unpack, ModulesThatDoNotFitTheMachineAreDropped) {
@@ -222,7 +225,9 @@ TEST_F(Unpack, AnInnerArchiveThatDoesNotUnpackIsWarnedAboutOnAnOpenLine) {
     std::string const found = "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n";
     // Neither ended nor flushed: whatever is written next continues the line.
     EXPECT_EQ(out.textUnflushed(), found);
-    EXPECT_EQ(out.text(), found + "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/bad.zip to /var/opt/velmora/nxa/bad");
+    EXPECT_EQ(
+        out.text(),
+        found + "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/bad.zip to /var/opt/velmora/nxa/bad");
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"a"});
 }
 
@@ -231,7 +236,8 @@ TEST_F(Unpack, AnInnerArchiveThatClimbsOutIsRefused) {
     makeModuleZip(staging.path(), "a", "noarch");
     std::string const evil = staging.path() + "/work/x";
     nxatest::shell("mkdir -p '" + evil + "' && echo pwned > '" + staging.path() + "/work/escaped'");
-    nxatest::ShellResult r = nxatest::shell("cd '" + evil + "' && zip -q '" + staging.path() + "/evil.zip' ../escaped");
+    nxatest::ShellResult r =
+        nxatest::shell("cd '" + evil + "' && zip -q '" + staging.path() + "/evil.zip' ../escaped");
     ASSERT_EQ(r.status, 0) << r.output;
     makePackage(staging.path(), kPackage, {"a.zip", "evil.zip"});
     nxatest::Capture out;
@@ -350,7 +356,8 @@ TEST_F(Unpack, CreatesAMissingModulesDirectory) {
 TEST_F(Unpack, ModulesDirectoryThatCannotBeCreated) {
     std::string const missing = "/var/opt/velmora/none/nxa";
     nxatest::Capture quiet;
-    client = std::make_unique<NXAClient>(kPackageDir, missing.c_str(), "/var/opt/velmora/work", 0, 21000, 16, "", 0);
+    client = std::make_unique<NXAClient>(kPackageDir, missing.c_str(), "/var/opt/velmora/work", 0, 21000, 16,
+                                         "", 0);
     client->modules.configure({"a"});
     makeModuleZip(staging.path(), "a", "noarch");
     makePackage(staging.path(), kPackage, {"a.zip"});

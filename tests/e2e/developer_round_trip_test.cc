@@ -44,12 +44,14 @@ TEST(DeveloperRoundTrip, SourcesBuiltPackedAndRunReachATcpClient) {
 
     nxatest::ShellResult built = nxatest::shell(std::string(NXA_E2E_BUILD) + " build " + kSourceArchive);
     ASSERT_EQ(built.status, 0) << built.output;
-    EXPECT_NE(built.output.find("development package: /tmp/nxadevel.zip\n"), std::string::npos) << built.output;
+    EXPECT_NE(built.output.find("development package: /tmp/nxadevel.zip\n"), std::string::npos)
+        << built.output;
 
     nxatest::ShellResult packed = runPack("/var/opt/velmora/nxa.zip", {"/tmp/nxadevel.zip"});
     ASSERT_EQ(packed.status, 0) << packed.output;
-    EXPECT_EQ(packed.output, "nxapack: module nxadevel from /tmp/nxadevel.zip\n"
-                             "nxapack: wrote /var/opt/velmora/nxa.zip with 1 module(s)\n");
+    EXPECT_EQ(packed.output,
+              "nxapack: module nxadevel from /tmp/nxadevel.zip\n"
+              "nxapack: wrote /var/opt/velmora/nxa.zip with 1 module(s)\n");
 
     HostProcess host({"nxadevel"});
     ASSERT_TRUE(waitRunning(host, {{"nxadevel", 20100}})) << describe(host);

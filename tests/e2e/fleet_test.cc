@@ -75,7 +75,8 @@ int countOf(std::string const& text, std::string const& part) {
 
 std::string fromHex(std::string const& hex) {
     std::string bytes;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     return bytes;
 }
 
@@ -98,7 +99,8 @@ std::vector<BusMessage> parseMessages(std::string const& output) {
         std::size_t const second = line.find(' ', first + 1);
         BusMessage m;
         m.topic = line.substr(0, first);
-        m.payload = fromHex(line.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1));
+        m.payload = fromHex(
+            line.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1));
         if (second != std::string::npos) m.properties = line.substr(second + 1);
         messages.push_back(m);
     }
@@ -107,7 +109,8 @@ std::vector<BusMessage> parseMessages(std::string const& output) {
 
 std::string listing(std::vector<BusMessage> const& messages) {
     std::string text;
-    for (BusMessage const& m : messages) text += m.text() + (m.payload.empty() || m.payload.back() != '\n' ? "\n" : "");
+    for (BusMessage const& m : messages)
+        text += m.text() + (m.payload.empty() || m.payload.back() != '\n' ? "\n" : "");
     return text;
 }
 
@@ -115,8 +118,8 @@ constexpr std::size_t npos = std::string::npos;
 
 // The index in `messages` of the first one on `topic` whose payload holds
 // `text` and whose user properties hold `property`; npos when there is none.
-std::size_t firstOf(std::vector<BusMessage> const& messages, std::string const& topic, std::string const& text,
-                    std::string const& property = "") {
+std::size_t firstOf(std::vector<BusMessage> const& messages, std::string const& topic,
+                    std::string const& text, std::string const& property = "") {
     for (std::size_t i = 0; i < messages.size(); ++i) {
         BusMessage const& m = messages[i];
         if (m.topic == topic && m.payload.find(text) != npos && m.properties.find(property) != npos) return i;
@@ -138,9 +141,10 @@ std::string tickerBody(std::string const& device) {
 // the command starts with `prefix` (to run it on a device).
 void publishVia(std::string const& prefix, unsigned port, std::string const& topic, std::string const& sender,
                 int kind, std::string const& text) {
-    std::string const command = "mosquitto_pub -V mqttv5 -q 1 -h 127.0.0.1 -p " + std::to_string(port) + " -t " +
-                                quoted(topic) + " -m " + quoted(text) + " -D publish user-property vlp-sender " +
-                                quoted(sender) + " -D publish user-property vlp-type system" +
+    std::string const command = "mosquitto_pub -V mqttv5 -q 1 -h 127.0.0.1 -p " + std::to_string(port) +
+                                " -t " + quoted(topic) + " -m " + quoted(text) +
+                                " -D publish user-property vlp-sender " + quoted(sender) +
+                                " -D publish user-property vlp-type system" +
                                 " -D publish user-property vlp-kind " + std::to_string(kind);
     nxatest::ShellResult const r = nxatest::shell(prefix + command);
     ASSERT_EQ(r.status, 0) << prefix << command << ": " << r.output;
@@ -154,12 +158,15 @@ public:
         std::string const conf = scratchDir() + "/central.conf";
         nxatest::writeFile(conf, kCentralConf);
         broker_ = std::make_unique<Background>("exec mosquitto -c " + quoted(conf));
-        ASSERT_TRUE(nxatest::waitUntil([] { return nxatest::shell("nc -z 127.0.0.1 1883").status == 0; }, kPatience))
+        ASSERT_TRUE(
+            nxatest::waitUntil([] { return nxatest::shell("nc -z 127.0.0.1 1883").status == 0; }, kPatience))
             << broker_->output();
-        watch_ = std::make_unique<Background>("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 1883 -t 'devices/#' -F '%t %x %P'");
+        watch_ = std::make_unique<Background>(
+            "exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 1883 -t 'devices/#' -F '%t %x %P'");
         bool const ready = nxatest::waitUntil(
             [&] {
-                nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 1883 -t devices/probe -m centre-probe");
+                nxatest::shell(
+                    "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 1883 -t devices/probe -m centre-probe");
                 return nxatest::waitUntil([&] { return !on("devices/probe").empty(); }, 300ms);
             },
             kPatience);
@@ -171,7 +178,8 @@ public:
     }
 
     // A system message to `topic` of the central broker, as `sender`.
-    void publish(std::string const& topic, std::string const& sender, int kind, std::string const& text) const {
+    void publish(std::string const& topic, std::string const& sender, int kind,
+                 std::string const& text) const {
         publishVia("", kCentralPort, topic, sender, kind, text);
     }
     std::vector<BusMessage> messages() const { return parseMessages(watch_->output()); }
@@ -219,15 +227,18 @@ public:
     }
     nxatest::ShellResult run(std::string const& command) const { return nxatest::shell(inside(command)); }
     // A system message to a participant of the device's own bus, published there.
-    void publishHere(std::string const& to, std::string const& sender, int kind, std::string const& text) const {
-        publishVia("nsenter -t " + std::to_string(namespaces_) + " -m -n -p -- ", nxatest::kBusPort, "vlpbus/" + to,
-                   sender, kind, text);
+    void publishHere(std::string const& to, std::string const& sender, int kind,
+                     std::string const& text) const {
+        publishVia("nsenter -t " + std::to_string(namespaces_) + " -m -n -p -- ", nxatest::kBusPort,
+                   "vlpbus/" + to, sender, kind, text);
     }
 
     void start(std::string const& profile, Centre const& centre) {
-        ASSERT_EQ(nxatest::shell("mkdir -p " + quoted(dir() + "/conf.d") + " " + quoted(dir() + "/src")).status, 0);
+        ASSERT_EQ(
+            nxatest::shell("mkdir -p " + quoted(dir() + "/conf.d") + " " + quoted(dir() + "/src")).status, 0);
         // The sandbox: a shell that waits; "ready" once its mounts are made.
-        holder_ = std::make_unique<Background>("exec " + quoted(sandboxScript()) + " -- sh -c 'echo ready; exec sleep 1000000'");
+        holder_ = std::make_unique<Background>("exec " + quoted(sandboxScript()) +
+                                               " -- sh -c 'echo ready; exec sleep 1000000'");
         ASSERT_TRUE(holder_->waitFor("ready\n")) << holder_->output();
         // The holder is unshare; its child is the first process of the device's
         // namespaces.
@@ -238,28 +249,31 @@ public:
         std::string const net = "10.78." + std::to_string(subnet_) + ".";
         std::string const link = "fleet" + id_;
         nxatest::ShellResult const linked = nxatest::shell(
-            "ip link add " + link + " type veth peer name eth0 netns " + std::to_string(namespaces_) + " && ip addr add " +
-            net + "1/24 dev " + link + " && ip link set " + link + " up && " +
+            "ip link add " + link + " type veth peer name eth0 netns " + std::to_string(namespaces_) +
+            " && ip addr add " + net + "1/24 dev " + link + " && ip link set " + link + " up && " +
             inside("ip addr add " + net + "2/24 dev eth0 && ip link set eth0 up"));
         ASSERT_EQ(linked.status, 0) << linked.output;
         ASSERT_TRUE(nxatest::waitUntil([&] { return run("nc -z " + net + "1 1883").status == 0; }, kPatience))
             << "device " << id_ << " does not reach the central broker";
 
         // The broker as on a device: its settings, and conf.d with the profile.
-        std::string const settings = nxatest::readFile(nxatest::sourceDir() + "/tests/sandbox/mosquitto.conf");
+        std::string const settings =
+            nxatest::readFile(nxatest::sourceDir() + "/tests/sandbox/mosquitto.conf");
         ASSERT_FALSE(settings.empty());
         nxatest::writeFile(dir() + "/mosquitto.conf",
                            settings + "log_type notice\ninclude_dir " + dir() + "/conf.d\n");
         nxatest::writeFile(dir() + "/conf.d/fleet.conf",
                            replaceAll(replaceAll(profile, "@DEVICE@", id_), "@CENTRAL@", net + "1:1883"));
-        broker_ = std::make_unique<Background>("exec " + inside("exec mosquitto -c " + quoted(dir() + "/mosquitto.conf")));
+        broker_ = std::make_unique<Background>(
+            "exec " + inside("exec mosquitto -c " + quoted(dir() + "/mosquitto.conf")));
         // The bridge is up once a message to a name it carries out reaches the
         // centre. It subscribed at the centre before it forwarded anything, so
         // the names it carries in are then subscribed as well.
         std::string const probe = "probe from " + id_;
         bool const bridged = nxatest::waitUntil(
             [&] {
-                run("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t vlpbus/" + std::string(kViewer) + " -m " + quoted(probe));
+                run("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t vlpbus/" + std::string(kViewer) +
+                    " -m " + quoted(probe));
                 return nxatest::waitUntil(
                     [&] {
                         for (BusMessage const& m : centre.on(busTopic(id_, kViewer)))
@@ -269,7 +283,8 @@ public:
                     300ms);
             },
             kPatience);
-        ASSERT_TRUE(bridged) << "the bridge of device " << id_ << " did not come up\n" << describe() << centre.describe();
+        ASSERT_TRUE(bridged) << "the bridge of device " << id_ << " did not come up\n"
+                             << describe() << centre.describe();
 
         std::string const module = writeModule(dir() + "/src", "clock", "noarch", tickerBody(id_));
         nxatest::ShellResult const packed = run(quoted(packBinary()) + " " + kPackage + " " + quoted(module));
@@ -304,7 +319,8 @@ protected:
     void TearDown() override {
         devices_.clear();
         centre_.stop();
-        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience))
+            << strayProcesses();
     }
 
     // Starts device `id` with `profile`; it is then devices_.back().
@@ -339,7 +355,6 @@ protected:
     std::vector<std::unique_ptr<Device>> devices_;
 };
 
-
 TEST_F(Fleet, TheCentreStartsAndStopsTheOutputOfOneChosenDeviceAndReadsThatDeviceOnly) {
     ASSERT_NO_FATAL_FAILURE(addDevice("A", profile_));
     Device& a = *devices_.back();
@@ -356,7 +371,8 @@ TEST_F(Fleet, TheCentreStartsAndStopsTheOutputOfOneChosenDeviceAndReadsThatDevic
         [&] {
             a.publishHere("NXAModule_clock", "local-viewer", 4, kStart);
             return nxatest::waitUntil(
-                [&] { return firstOf(parseMessages(busA.output()), localViewer, "device A tick") != npos; }, 300ms);
+                [&] { return firstOf(parseMessages(busA.output()), localViewer, "device A tick") != npos; },
+                300ms);
         },
         kPatience))
         << busA.output() << describe();
@@ -375,7 +391,8 @@ TEST_F(Fleet, TheCentreStartsAndStopsTheOutputOfOneChosenDeviceAndReadsThatDevic
     // as well, A's bus would have carried it before this one.
     ASSERT_TRUE(startFromCentre(a, kOperator)) << describe();
     std::vector<BusMessage> const onA = parseMessages(busA.output());
-    std::size_t const fromCentre = firstOf(onA, "vlpbus/NXAModule_clock", kStart, "vlp-sender:fleet-operator");
+    std::size_t const fromCentre =
+        firstOf(onA, "vlpbus/NXAModule_clock", kStart, "vlp-sender:fleet-operator");
     ASSERT_NE(fromCentre, npos) << listing(onA);
     for (BusMessage const& m : onA) {
         EXPECT_EQ(m.properties.find("vlp-sender:fleet-viewer"), std::string::npos)
@@ -388,10 +405,12 @@ TEST_F(Fleet, TheCentreStartsAndStopsTheOutputOfOneChosenDeviceAndReadsThatDevic
     for (BusMessage const& m : centre_.messages()) {
         EXPECT_EQ(m.topic.find("local-viewer"), std::string::npos) << m.text();
         if (m.payload.find("device A") != std::string::npos) {
-            EXPECT_EQ(m.topic, busTopic("A", kOperator)) << "device A's output where it was not asked for: " << m.text();
+            EXPECT_EQ(m.topic, busTopic("A", kOperator))
+                << "device A's output where it was not asked for: " << m.text();
         }
         if (m.payload.find("device B") != std::string::npos) {
-            EXPECT_EQ(m.topic, busTopic("B", kViewer)) << "device B's output where it was not asked for: " << m.text();
+            EXPECT_EQ(m.topic, busTopic("B", kViewer))
+                << "device B's output where it was not asked for: " << m.text();
         }
     }
     for (BusMessage const& m : centre_.on(busTopic("A", kViewer)))
@@ -433,7 +452,8 @@ TEST_F(Fleet, TheHostsControlsAreNotBridgedByDefault) {
     ASSERT_TRUE(nxatest::waitUntil(
         [&] {
             b.publishHere("NXAHost", "local-operator", 64, R"({"command":"status","id":"local"})");
-            return nxatest::waitUntil([&] { return countOf(watch.output(), "vlpbus/local-operator {") > 0; }, 300ms);
+            return nxatest::waitUntil([&] { return countOf(watch.output(), "vlpbus/local-operator {") > 0; },
+                                      300ms);
         },
         kPatience))
         << watch.output() << describe();
@@ -445,8 +465,9 @@ TEST_F(Fleet, TheHostsControlsAreNotBridgedByDefault) {
     ASSERT_TRUE(startFromCentre(b, kOperator)) << describe();
     std::string const reached = watch.output();
     EXPECT_NE(reached.find(std::string("vlpbus/NXAModule_clock ") + kStart), std::string::npos) << reached;
-    EXPECT_EQ(reached.find(R"("id":"centre")"), std::string::npos) << "a request from the centre reached the host:\n"
-                                                                    << reached;
+    EXPECT_EQ(reached.find(R"("id":"centre")"), std::string::npos)
+        << "a request from the centre reached the host:\n"
+        << reached;
     // No reply reached the centre, and the local one stayed on the device: it
     // was forwarded before the clock was even asked for.
     for (BusMessage const& m : centre_.messages()) {
@@ -456,7 +477,8 @@ TEST_F(Fleet, TheHostsControlsAreNotBridgedByDefault) {
 }
 
 TEST_F(Fleet, WithTheControlsLineEnabledTheCentreGetsTheHostsReplies) {
-    ASSERT_EQ(countOf(profile_, kControlsLine), 1) << "the profile should hold the controls line, commented out";
+    ASSERT_EQ(countOf(profile_, kControlsLine), 1)
+        << "the profile should hold the controls line, commented out";
     std::string const enabled = replaceAll(profile_, kControlsLine, kControlsLine + 1);
     ASSERT_NO_FATAL_FAILURE(addDevice("B", enabled));
 

@@ -89,9 +89,11 @@ TEST_F(HostBadInput, MissingPackageEndsTheHostAndLeavesTheModulesDirectoryAlone)
 }
 
 TEST_F(HostBadInput, ATakenModulePortStopsTheHostBeforeAnyModuleIsMade) {
-    installPackage({writeModule(sources(), "alpha", "noarch", kReady), writeModule(sources(), "beta", "noarch", kReady)});
+    installPackage({writeModule(sources(), "alpha", "noarch", kReady),
+                    writeModule(sources(), "beta", "noarch", kReady)});
     Background listener("nc -l 127.0.0.1 20101");
-    ASSERT_TRUE(nxatest::waitUntil([] { return nxatest::shell("ss -Hltn 'sport = :20101'").output != ""; }, kPatience));
+    ASSERT_TRUE(nxatest::waitUntil([] { return nxatest::shell("ss -Hltn 'sport = :20101'").output != ""; },
+                                   kPatience));
     startWatching();
     HostProcess host({"alpha", "beta"});
     ASSERT_EQ(host.waitExit(), 1) << describe(host);
@@ -206,12 +208,15 @@ TEST_F(HostBadInput, HupWithThePackageGoneKeepsTheModulesRunning) {
     ASSERT_TRUE(nc.waitFor("ready\n")) << nc.output();
     ASSERT_EQ(nxatest::shell(std::string("rm ") + kPackage).status, 0);
     host.signal(SIGHUP);
-    std::string const refused = "[ERROR] nxahost: reload refused, the modules keep running: "
-                                "/var/opt/velmora/nxa.zip does not exist";
+    std::string const refused =
+        "[ERROR] nxahost: reload refused, the modules keep running: "
+        "/var/opt/velmora/nxa.zip does not exist";
     ASSERT_TRUE(host.waitForLine(refused)) << describe(host);
     EXPECT_TRUE(host.running());
     // The program was left alone: started once, and its client still attached.
-    EXPECT_EQ(countMatchingLines(host.out(), "[INFO] nxahost: module alpha runs on port 20100 (attach: nc 127.0.0.1 20100)"), 1);
+    EXPECT_EQ(countMatchingLines(
+                  host.out(), "[INFO] nxahost: module alpha runs on port 20100 (attach: nc 127.0.0.1 20100)"),
+              1);
     publishSystem("NXAHost", "tester", 34, "still here\n");
     EXPECT_TRUE(nc.waitFor("ready\nstill here\n")) << nc.output() << describe(host);
     host.signal(SIGTERM);

@@ -141,7 +141,8 @@ TEST(HostFaults, AnErrorOnEveryTurnForTenSecondsEndsTheHostWrittenOnceThenCounte
     std::string const failed = "[ERROR] nxahost: cannot read from PTTY: Input/output error";
     // Written when it first fails, and once more by the host as it ends.
     EXPECT_EQ(host.countLine(failed), 2) << describe(host);
-    EXPECT_EQ(host.countLine("[ERROR] nxahost: every turn has failed for 10 s; giving up"), 1) << describe(host);
+    EXPECT_EQ(host.countLine("[ERROR] nxahost: every turn has failed for 10 s; giving up"), 1)
+        << describe(host);
     std::vector<std::string> const lines = host.outLines();
     int counted = 0;
     for (std::string const& line : lines) {

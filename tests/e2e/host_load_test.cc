@@ -101,7 +101,8 @@ protected:
         ASSERT_EQ(nxatest::shell("mkdir -p " + sources()).status, 0);
     }
     void TearDown() override {
-        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience))
+            << strayProcesses();
     }
 
     // Writes and installs the modules (name, program body), in order.

@@ -27,13 +27,29 @@ TEST(HostOptions, HelpDescribesEveryOptionWithItsDefaultAndExitsZero) {
     ASSERT_EQ(host.waitExit(), 0);
     std::string const help = host.out();
     EXPECT_EQ(help.rfind("usage: nxahost [OPTION]... MODULE...\n", 0), 0u) << help;
-    for (char const* text :
-         {"--package-dir DIR", "(default /var/opt/velmora)", "--modules-dir DIR",
-          "(default /var/opt/velmora/nxa;", "--work-dir DIR", "(default /var/opt/velmora/work)", "--port N",
-          "(default 20100)", "--max-modules N", "(default 16)", "--debug N", "(default 0)", "--bus-name NAME",
-          "(default NXAHost)", "--restart WHEN", "(default on-failure)", "--client-timeout S", "(default 60)",
-          "--help", "INT and TERM stop the modules and exit 0", "USR1 prints the run log",
-          "HUP checks the\npackage and the broker", "127.0.0.1:20010"}) {
+    for (char const* text : {"--package-dir DIR",
+                             "(default /var/opt/velmora)",
+                             "--modules-dir DIR",
+                             "(default /var/opt/velmora/nxa;",
+                             "--work-dir DIR",
+                             "(default /var/opt/velmora/work)",
+                             "--port N",
+                             "(default 20100)",
+                             "--max-modules N",
+                             "(default 16)",
+                             "--debug N",
+                             "(default 0)",
+                             "--bus-name NAME",
+                             "(default NXAHost)",
+                             "--restart WHEN",
+                             "(default on-failure)",
+                             "--client-timeout S",
+                             "(default 60)",
+                             "--help",
+                             "INT and TERM stop the modules and exit 0",
+                             "USR1 prints the run log",
+                             "HUP checks the\npackage and the broker",
+                             "127.0.0.1:20010"}) {
         EXPECT_NE(help.find(text), std::string::npos) << "missing: " << text << "\n" << help;
     }
     EXPECT_EQ(host.err(), "");

@@ -7,8 +7,8 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "clients.h"
@@ -53,7 +53,8 @@ protected:
         ASSERT_EQ(nxatest::shell("mkdir -p " + sources()).status, 0);
     }
     void TearDown() override {
-        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience)) << strayProcesses();
+        EXPECT_TRUE(nxatest::waitUntil([] { return strayProcesses().empty(); }, kPatience))
+            << strayProcesses();
     }
     static void install(std::vector<std::pair<std::string, std::string>> const& modules) {
         std::vector<std::string> folders;
@@ -79,8 +80,10 @@ TEST_F(HostUnattended, ProgramThatEndsAtOnceIsRestartedWithGrowingGapsAndItsNeig
         [&] {
             std::string const out = host.out();
             int const ended = countMatchingLines(
-                out, "[WARNING] nxahost: module program quick (pid #) has ended: exit status 1; restart in # s");
-            int const started = countMatchingLines(out, "[INFO] nxahost: module program quick started again (pid #)");
+                out,
+                "[WARNING] nxahost: module program quick (pid #) has ended: exit status 1; restart in # s");
+            int const started =
+                countMatchingLines(out, "[INFO] nxahost: module program quick started again (pid #)");
             while (static_cast<int>(ends.size()) < ended) ends.push_back(Clock::now());
             while (static_cast<int>(starts.size()) < started) starts.push_back(Clock::now());
             return ended >= 4 && started >= 3;
@@ -97,7 +100,10 @@ TEST_F(HostUnattended, ProgramThatEndsAtOnceIsRestartedWithGrowingGapsAndItsNeig
         EXPECT_LE(gap, bases[i] * 1.2 + 0.6) << "restart " << i + 1;
     }
     // The neighbour kept its program (started once) and its client.
-    EXPECT_EQ(countMatchingLines(host.out(), "[INFO] nxahost: module steady runs on port 20101 (attach: nc 127.0.0.1 20101)"), 1);
+    EXPECT_EQ(
+        countMatchingLines(host.out(),
+                           "[INFO] nxahost: module steady runs on port 20101 (attach: nc 127.0.0.1 20101)"),
+        1);
     EXPECT_EQ(countOf(host.out(), "module program steady"), 0) << describe(host);
     publishSystem("NXAHost", "tester", 34, "to everyone\n");
     EXPECT_TRUE(neighbour.waitFor("steady\nto everyone\n")) << neighbour.output();
@@ -110,15 +116,22 @@ TEST_F(HostUnattended, AClientStaysAttachedAcrossRestartsAndSeesEachStartAndNoti
     ASSERT_TRUE(waitRunning(host, {{"quick", 20100}})) << describe(host);
     Background client(ncCommand(20100));
     ASSERT_TRUE(nxatest::waitUntil(
-        [&] { return countMatchingLines(host.out(), "[INFO] nxahost: module program quick started again (pid #)") >= 3; },
+        [&] {
+            return countMatchingLines(host.out(),
+                                      "[INFO] nxahost: module program quick started again (pid #)") >= 3;
+        },
         30s))
         << describe(host);
-    ASSERT_TRUE(nxatest::waitUntil([&] { return countMatchingLines(client.output(), startLine("quick")) >= 4; }))
-        << client.output();
+    ASSERT_TRUE(nxatest::waitUntil([&] {
+        return countMatchingLines(client.output(), startLine("quick")) >= 4;
+    })) << client.output();
     std::string const out = client.output();
-    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 1 s\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 2 s\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 4 s\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 1 s\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 2 s\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("run\n[nxahost] program ended: exit status 2; restart in 4 s\n"), std::string::npos)
+        << out;
     stop(host);
 }
 
@@ -132,15 +145,17 @@ TEST_F(HostUnattended, OnFailureRestartsAFailureOnlyNeverNothingAlwaysEverything
             << describe(host);
         // Both ended at once; by the second restart of the failing one, the
         // other would have been started again too.
-        ASSERT_TRUE(nxatest::waitUntil([&] { return countOf(host.out(), "program fails started again") >= 2; }))
-            << describe(host);
+        ASSERT_TRUE(nxatest::waitUntil([&] {
+            return countOf(host.out(), "program fails started again") >= 2;
+        })) << describe(host);
         EXPECT_EQ(countOf(host.out(), "program succeeds started again"), 0) << describe(host);
         stop(host);
     }
     {
         HostProcess host({"--restart", "always", "fails", "succeeds"});
-        EXPECT_TRUE(nxatest::waitUntil([&] { return countOf(host.out(), "program succeeds started again") >= 1; }))
-            << describe(host);
+        EXPECT_TRUE(nxatest::waitUntil([&] {
+            return countOf(host.out(), "program succeeds started again") >= 1;
+        })) << describe(host);
         stop(host);
     }
     {
@@ -158,8 +173,10 @@ TEST_F(HostUnattended, AProgramKilledByASignalCountsAsAFailure) {
     install({{"victim", "printf 'ready\\n'; kill -9 $$"}});
     HostProcess host({"victim"});
     EXPECT_TRUE(nxatest::waitUntil([&] {
-        return countMatchingLines(host.out(),
-                                  "[WARNING] nxahost: module program victim (pid #) has ended: signal 9; restart in 1 s") >= 1;
+        return countMatchingLines(
+                   host.out(),
+                   "[WARNING] nxahost: module program victim (pid #) has ended: signal 9; restart in 1 s") >=
+               1;
     })) << describe(host);
     stop(host);
 }
@@ -183,9 +200,11 @@ TEST_F(HostUnattended, HupWithABadPackageOrWithoutABrokerKeepsTheModulesAndAGood
     // No broker.
     install({{"alpha", kSteady}, {"beta", kSteady}});
     nxatest::brokerStop();
-    ASSERT_TRUE(host.waitForLine("[WARNING] nxahost: the bus broker has gone; reconnecting")) << describe(host);
+    ASSERT_TRUE(host.waitForLine("[WARNING] nxahost: the bus broker has gone; reconnecting"))
+        << describe(host);
     host.signal(SIGHUP);
-    ASSERT_TRUE(host.waitForLine(refused + "the bus broker on 127.0.0.1:20010 does not answer")) << describe(host);
+    ASSERT_TRUE(host.waitForLine(refused + "the bus broker on 127.0.0.1:20010 does not answer"))
+        << describe(host);
     nxatest::brokerStart();
     ASSERT_TRUE(host.waitForLine("[INFO] nxahost: bus connection established as NXAHost")) << describe(host);
 
@@ -196,7 +215,8 @@ TEST_F(HostUnattended, HupWithABadPackageOrWithoutABrokerKeepsTheModulesAndAGood
     // A good package replaces them.
     install({{"alpha", "printf 'new alpha\\n'; exec sleep 100000"}, {"beta", kSteady}});
     host.signal(SIGHUP);
-    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: module alpha runs on port 20100 (attach: nc 127.0.0.1 20100)", 2))
+    ASSERT_TRUE(
+        host.waitForLine("[INFO] nxahost: module alpha runs on port 20100 (attach: nc 127.0.0.1 20100)", 2))
         << describe(host);
     Background fresh(ncCommand(20100));
     EXPECT_TRUE(fresh.waitFor("new alpha\n")) << fresh.output();
@@ -214,14 +234,18 @@ TEST_F(HostUnattended, SubscribersGetOutputAgainAfterTheBrokerWasAwayForFiveSeco
     })) << describe(host);
 
     nxatest::brokerStop();
-    ASSERT_TRUE(host.waitForLine("[WARNING] NXAModule::handleInput() VLPBus server is gone")) << describe(host);
+    ASSERT_TRUE(host.waitForLine("[WARNING] NXAModule::handleInput() VLPBus server is gone"))
+        << describe(host);
     std::this_thread::sleep_for(5s);  // the outage itself
     nxatest::brokerStart();
-    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: module ticker: bus connection established again")) << describe(host);
+    ASSERT_TRUE(host.waitForLine("[INFO] nxahost: module ticker: bus connection established again"))
+        << describe(host);
     // mosquitto_sub connects again by itself; the module's subscriber was kept.
     std::size_t const before = viewer.output().size();
-    EXPECT_TRUE(nxatest::waitUntil([&] { return viewer.output().size() > before && viewer.output().find("tick", before) != std::string::npos; }))
-        << viewer.output() << describe(host);
+    EXPECT_TRUE(nxatest::waitUntil([&] {
+        return viewer.output().size() > before && viewer.output().find("tick", before) != std::string::npos;
+    })) << viewer.output()
+        << describe(host);
     stop(host);
 }
 
@@ -229,7 +253,8 @@ TEST_F(HostUnattended, FourProgramsIgnoringSigtermStopInAboutOneGraceTime) {
     std::string const deaf = "trap '' TERM; printf 'deaf\\n'; while :; do sleep 1; done";
     install({{"d0", deaf}, {"d1", deaf}, {"d2", deaf}, {"d3", deaf}});
     HostProcess host({"d0", "d1", "d2", "d3"});
-    ASSERT_TRUE(waitRunning(host, {{"d0", 20100}, {"d1", 20101}, {"d2", 20102}, {"d3", 20103}})) << describe(host);
+    ASSERT_TRUE(waitRunning(host, {{"d0", 20100}, {"d1", 20101}, {"d2", 20102}, {"d3", 20103}}))
+        << describe(host);
     for (unsigned port = 20100; port <= 20103; ++port) {
         Background c(ncCommand(port));
         ASSERT_TRUE(c.waitFor("deaf\n")) << c.output();
@@ -273,8 +298,9 @@ TEST_F(HostUnattended, ModuleNamesThatLeaveTheModulesTreeAreRefused) {
     for (std::string const name : {"..", ".", "a/b", "", "/etc"}) {
         HostProcess host({"ok", name});
         EXPECT_EQ(host.waitExit(), 2) << name;
-        EXPECT_EQ(host.err(), "nxahost: module name '" + name + "' is empty, '.', '..' or holds a '/'\n"
-                              "Try 'nxahost --help' for more information.\n");
+        EXPECT_EQ(host.err(), "nxahost: module name '" + name +
+                                  "' is empty, '.', '..' or holds a '/'\n"
+                                  "Try 'nxahost --help' for more information.\n");
         EXPECT_EQ(host.out(), "");
     }
 }
@@ -290,11 +316,12 @@ namespace {
 class ClientMachine {
 public:
     ClientMachine() {
-        ok_ = nxatest::shell("ip netns add nxaclient && ip link add nxa0 type veth peer name nxa1 && "
-                             "ip link set nxa1 netns nxaclient && ip addr add 10.77.0.1/24 dev nxa0 && "
-                             "ip link set nxa0 up && ip netns exec nxaclient ip addr add 10.77.0.2/24 dev nxa1 && "
-                             "ip netns exec nxaclient ip link set nxa1 up && "
-                             "ip netns exec nxaclient ip link set lo up")
+        ok_ = nxatest::shell(
+                  "ip netns add nxaclient && ip link add nxa0 type veth peer name nxa1 && "
+                  "ip link set nxa1 netns nxaclient && ip addr add 10.77.0.1/24 dev nxa0 && "
+                  "ip link set nxa0 up && ip netns exec nxaclient ip addr add 10.77.0.2/24 dev nxa1 && "
+                  "ip netns exec nxaclient ip link set nxa1 up && "
+                  "ip netns exec nxaclient ip link set lo up")
                   .status == 0;
     }
     ~ClientMachine() { nxatest::shell("ip link del nxa0; ip netns del nxaclient"); }
@@ -319,8 +346,12 @@ TEST_F(HostUnattended, AClientWhoseLinkIsCutIsDroppedWithinTheTimeout) {
     // Seen by a read or by a write, whichever comes first.
     auto lost = [&] {
         std::string const out = host.out();
-        return countMatchingLines(out, "[INFO] nxahost: connection telnet:# lost: cannot read from telnet:#: Connection timed out") +
-               countMatchingLines(out, "[INFO] nxahost: connection telnet:# lost: cannot write to telnet:#: Connection timed out");
+        return countMatchingLines(out,
+                                  "[INFO] nxahost: connection telnet:# lost: cannot read from telnet:#: "
+                                  "Connection timed out") +
+               countMatchingLines(out,
+                                  "[INFO] nxahost: connection telnet:# lost: cannot write to telnet:#: "
+                                  "Connection timed out");
     };
     ASSERT_TRUE(nxatest::waitUntil([&] { return lost() == 1; }, 20s)) << describe(host);
     double const after = secondsBetween(cutAt, Clock::now());

@@ -10,8 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "nxaclient.h"
 #include "nxa_test_access.h"
+#include "nxaclient.h"
 
 namespace nxamodtest {
 

@@ -53,7 +53,8 @@ private:
 
 bool reaped(pid_t pid) {
     siginfo_t info{};
-    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
+    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == -1 &&
+           errno == ECHILD;
 }
 
 std::string startLine(pid_t pid) {
@@ -153,8 +154,9 @@ TEST_F(ModuleSupervision, BusConnectionComesBackWithItsSubscribersAfterTheBroker
     SystemMessage text;
     text.setText("after the outage");
     module->handleInput(text);
-    EXPECT_TRUE(nxamodtest::pollUntil(*module, [&] { return viewer.output().find("after the outage") != std::string::npos; }))
-        << viewer.output();
+    EXPECT_TRUE(nxamodtest::pollUntil(*module, [&] {
+        return viewer.output().find("after the outage") != std::string::npos;
+    })) << viewer.output();
 }
 
 TEST_F(ModuleSupervision, ConsumersAreListedWithTheirKindAndAddress) {
@@ -190,7 +192,8 @@ TEST(ModulesSupervision, StopProgramsEndsEveryProgramInOneGraceTime) {
     NXA_REQUIRE_SANDBOX();
     NXAClient::Modules modules(kPort, 4);
     std::vector<std::string> names{"deaf0", "deaf1", "deaf2", "deaf3"};
-    for (std::string const& name : names) writeScript(name, "trap '' TERM; printf 'deaf\\n'; while :; do sleep 1; done");
+    for (std::string const& name : names)
+        writeScript(name, "trap '' TERM; printf 'deaf\\n'; while :; do sleep 1; done");
     modules.configure(names);
     std::vector<pid_t> pids;
     for (NXAClient::Module* module : modules.getModules()) {
@@ -208,7 +211,8 @@ TEST(ModulesSupervision, StopProgramsEndsEveryProgramInOneGraceTime) {
     EXPECT_EQ(modules.find("nobody"), nullptr);
     auto const stopStart = Clock::now();
     modules.stop();
-    EXPECT_LT(Clock::now() - stopStart, std::chrono::milliseconds(Proc::stopGraceMs)) << "nothing left to wait for";
+    EXPECT_LT(Clock::now() - stopStart, std::chrono::milliseconds(Proc::stopGraceMs))
+        << "nothing left to wait for";
 }
 
 }  // namespace

@@ -44,7 +44,8 @@ std::string pagePath(Page const& page) {
 
 // The page as man shows it on an 80-column ASCII terminal, without overstrikes.
 std::string rendered(Page const& page) {
-    return nxatest::shell("MANWIDTH=80 LC_ALL=C man -l '" + pagePath(page) + "' 2>/dev/null | col -bx").output;
+    return nxatest::shell("MANWIDTH=80 LC_ALL=C man -l '" + pagePath(page) + "' 2>/dev/null | col -bx")
+        .output;
 }
 
 std::vector<std::string> linesOf(std::string const& text) {

@@ -46,7 +46,8 @@ protected:
             if (waitFds(rd, wr, 100) > 0 && bus().read()) {
                 while (std::unique_ptr<MessageBase> msg = bus().getMessage()) {
                     auto const* routed = dynamic_cast<RouterMessage const*>(msg.get());
-                    auto const* text = routed ? dynamic_cast<SystemMessage const*>(routed->message()) : nullptr;
+                    auto const* text =
+                        routed ? dynamic_cast<SystemMessage const*>(routed->message()) : nullptr;
                     if (text && text->text() == "round trip") return true;
                 }
             }

@@ -1,8 +1,9 @@
 // IOException and VLException: texts, error numbers, copies.
 #include "vlplatform/exceptions.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
+
+#include <cerrno>
 #include <sstream>
 #include <string>
 

@@ -2,6 +2,7 @@
 // defined in its text section (type T), not inline copies (weak, W) that a
 // caller could have compiled into itself.
 #include <gtest/gtest.h>
+
 #include <sstream>
 #include <string>
 
@@ -12,8 +13,7 @@ namespace {
 // The type letter nm gives `symbol` among the library's defined dynamic
 // symbols; empty when it is not there.
 std::string dynamicSymbolType(std::string const& symbol) {
-    nxatest::ShellResult r =
-        nxatest::shell(std::string("nm -D --defined-only '") + VLPLATFORM_FILE + "'");
+    nxatest::ShellResult r = nxatest::shell(std::string("nm -D --defined-only '") + VLPLATFORM_FILE + "'");
     EXPECT_EQ(r.status, 0) << r.output;
     std::istringstream lines(r.output);
     std::string address, type, name;
@@ -36,9 +36,9 @@ TEST(Exports, GetTotalRamIsExportedFunction) {
 }
 
 TEST(Exports, GetCmdCallOutputIsExportedFunction) {
-    EXPECT_EQ(dynamicSymbolType(
-                  "_Z16getCmdCallOutputPKcRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"),
-              "T");
+    EXPECT_EQ(
+        dynamicSymbolType("_Z16getCmdCallOutputPKcRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"),
+        "T");
 }
 
 TEST(Exports, ProcForkIsExportedFunction) {

@@ -2,14 +2,14 @@
 // test and a listing of a directory tree to compare before and after.
 #pragma once
 
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
-
-#include <dirent.h>
-#include <unistd.h>
 
 #include "shell.h"
 
@@ -53,7 +53,8 @@ inline void listInto(std::string const& root, std::string const& relative, std::
         struct stat st;
         if (lstat((root + "/" + rel).c_str(), &st) != 0) continue;
         char kind = S_ISDIR(st.st_mode) ? 'd' : S_ISLNK(st.st_mode) ? 'l' : S_ISREG(st.st_mode) ? 'f' : '?';
-        out.push_back(std::string(1, kind) + " " + rel + (S_ISREG(st.st_mode) ? " " + std::to_string(st.st_size) : ""));
+        out.push_back(std::string(1, kind) + " " + rel +
+                      (S_ISREG(st.st_mode) ? " " + std::to_string(st.st_size) : ""));
         if (S_ISDIR(st.st_mode)) listInto(root, rel, out);
     }
 }

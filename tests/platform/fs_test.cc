@@ -1,14 +1,15 @@
 // mkdirPath, rmDir and isDirectory on a real file system.
 #include "vlplatform/fs.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "shell.h"
 #include "vlplatform/exceptions.h"
@@ -237,8 +238,7 @@ TEST_F(FsTest, IsDirectoryThrowsOnOtherErrors) {
         FAIL() << "no exception";
     } catch (IOException const& e) {
         EXPECT_EQ(e.code().value(), ELOOP);
-        EXPECT_EQ(std::string(e.what()),
-                  "cannot stat " + loop + ": Too many levels of symbolic links");
+        EXPECT_EQ(std::string(e.what()), "cannot stat " + loop + ": Too many levels of symbolic links");
     }
     std::string tooLong = root + "/" + std::string(300, 'n');
     EXPECT_THROW(isDirectory(tooLong.c_str()), IOException);

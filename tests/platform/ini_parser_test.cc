@@ -1,14 +1,15 @@
 // IniParser: what it reads back, what it skips and trims, and how it fails.
 #include "vlplatform/ini_parser.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <ios>
 #include <random>
 #include <string>
-#include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 
 #include "files_support.h"
 #include "shell.h"
@@ -50,8 +51,10 @@ TEST_F(IniParserTest, ReadsBackTheDevelopmentManifest) {
         "version\t\t=\t1.0\n"
         "minFWVersion\t=\t0.0\n"
         "architecture\t=\tnoarch\n");
-    EXPECT_EQ(values, (Values{{"name", "nxadevel"}, {"version", "1.0"}, {"minFWVersion", "0.0"},
-                              {"architecture", "noarch"}}));
+    EXPECT_EQ(
+        values,
+        (Values{
+            {"name", "nxadevel"}, {"version", "1.0"}, {"minFWVersion", "0.0"}, {"architecture", "noarch"}}));
 }
 
 TEST_F(IniParserTest, SkipsCommentsAndBlankLines) {
@@ -89,7 +92,9 @@ TEST_F(IniParserTest, LastLineWithoutLineFeedIsRead) {
     EXPECT_EQ(values, (Values{{"a", "1"}, {"b", "2"}}));
 }
 
-TEST_F(IniParserTest, EmptyFileHasNoEntries) { EXPECT_TRUE(parse("").empty()); }
+TEST_F(IniParserTest, EmptyFileHasNoEntries) {
+    EXPECT_TRUE(parse("").empty());
+}
 
 TEST_F(IniParserTest, NulBytesInsideAValueAreKept) {
     Values values = parse(std::string("key = a\0b\n", 10));
@@ -165,7 +170,8 @@ TEST_F(IniParserTest, BinaryGarbageThrowsVLException) {
     std::string garbage;
     for (int i = 0; i < 65536; ++i) garbage += static_cast<char>(random() & 0xff);
     std::string::size_type const firstLine = garbage.find('\n');
-    ASSERT_EQ(garbage.substr(0, firstLine).find('='), std::string::npos) << "the seed gives a first line with '='";
+    ASSERT_EQ(garbage.substr(0, firstLine).find('='), std::string::npos)
+        << "the seed gives a first line with '='";
     EXPECT_EQ(failureOf(garbage), path() + ":1: missing '='");
 }
 

@@ -1,8 +1,9 @@
 // printError, the trace lock, makeString and hexdump.
 #include "vlplatform/log_util.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
+
+#include <cerrno>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -12,8 +13,7 @@
 
 namespace {
 
-std::string dump(std::string const& bytes, char const* label, unsigned width, int prefixKind,
-                 bool ascii) {
+std::string dump(std::string const& bytes, char const* label, unsigned width, int prefixKind, bool ascii) {
     std::ostringstream os;
     auto const* p = reinterpret_cast<unsigned char const*>(bytes.data());
     hexdump(os, p, p + bytes.size(), label, width, prefixKind, ascii);
@@ -82,8 +82,7 @@ TEST(Hexdump, OffsetPrefixCountsFromFirstByte) {
 }
 
 TEST(Hexdump, AsciiColumnShowsPrintablesAndDots) {
-    EXPECT_EQ(dump(std::string("Hi\0\xff~ \x7f", 7), "m", 7, 0, true),
-              "m: 48 69 00 ff 7e 20 7f  Hi..~ .\n");
+    EXPECT_EQ(dump(std::string("Hi\0\xff~ \x7f", 7), "m", 7, 0, true), "m: 48 69 00 ff 7e 20 7f  Hi..~ .\n");
 }
 
 TEST(Hexdump, ShortLastLineIsPaddedSoAsciiLinesUp) {

@@ -2,19 +2,19 @@
 #include "vlplatform/net.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sstream>
-#include <string>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "vlplatform/descriptors.h"
@@ -24,14 +24,15 @@ namespace {
 
 // Names this test binary lets the resolver look up: the local hosts file
 // answers them, so no test ever sends a query to a name server.
-bool resolvable(char const* node) { return node && std::strcmp(node, "localhost") == 0; }
+bool resolvable(char const* node) {
+    return node && std::strcmp(node, "localhost") == 0;
+}
 
 }  // namespace
 
 // Interposes the resolver for this test binary: every name but "localhost" is
 // unknown.
-extern "C" int getaddrinfo(char const* node, char const* service, addrinfo const* hints,
-                           addrinfo** res) {
+extern "C" int getaddrinfo(char const* node, char const* service, addrinfo const* hints, addrinfo** res) {
     if (!resolvable(node)) return EAI_NONAME;
     using Fn = int (*)(char const*, char const*, addrinfo const*, addrinfo**);
     static auto real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "getaddrinfo"));
@@ -114,9 +115,8 @@ TEST(SetInetAddr, UnknownNameThrows) {
         FAIL() << "no exception";
     } catch (IOException const& e) {
         EXPECT_EQ(e.code().value(), EINVAL);
-        EXPECT_EQ(std::string(e.what()),
-                  std::string("cannot resolve no-such-host.invalid (") + gai_strerror(EAI_NONAME) +
-                      "): Invalid argument");
+        EXPECT_EQ(std::string(e.what()), std::string("cannot resolve no-such-host.invalid (") +
+                                             gai_strerror(EAI_NONAME) + "): Invalid argument");
     }
 }
 

@@ -1,18 +1,18 @@
 // Proc: forking, reaping, and stopping children and their process groups.
 #include "vlplatform/proc.h"
 
-#include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <thread>
 #include <vector>
 
 #include "shell.h"
@@ -97,16 +97,15 @@ bool isReaped(pid_t pid) {
 // True when the child `pid` is still running (not ended, not reaped).
 bool isRunning(pid_t pid) {
     siginfo_t info = {};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == 0;
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 // Reaps a process of this test (a grandchild adopted by the subreaper) and gives
 // its wait status; -1 when it does not end within the time.
 int awaitStatus(pid_t pid) {
     int status = -1;
-    bool ended = nxatest::waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                                    std::chrono::seconds(20));
+    bool ended =
+        nxatest::waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(20));
     return ended ? status : -1;
 }
 

@@ -1,17 +1,17 @@
 // openPtyPair: a raw terminal pair from the start, and nothing left open on failure.
-#include "vlplatform/net.h"
-
-#include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <string>
+
 #include "shell.h"
+#include "vlplatform/net.h"
 
 namespace {
 

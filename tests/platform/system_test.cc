@@ -1,17 +1,18 @@
 // getTotalRam, getMachine and getCmdCallOutput.
 #include "vlplatform/system.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <string>
 #include <sys/resource.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string>
 
 #include "capture.h"
 

@@ -114,7 +114,8 @@ private:
 
 long elapsedMs(std::chrono::steady_clock::time_point since) {
     return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
+            .count());
 }
 
 }  // namespace

@@ -2,13 +2,13 @@
 // the zip command refuses to make (absolute names, "..", backslashes).
 #pragma once
 
+#include <sys/stat.h>
+#include <zip.h>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
-
-#include <zip.h>
 
 #include "shell.h"
 
@@ -61,7 +61,8 @@ inline void writeZip(std::string const& path, std::vector<EntrySpec> const& entr
 // `bytes` (after its local header, name and extra field), or npos.
 inline std::size_t entryDataOffset(std::string const& bytes, std::string const& name) {
     std::string const signature("PK\x03\x04", 4);
-    for (std::size_t at = bytes.find(signature); at != std::string::npos; at = bytes.find(signature, at + 1)) {
+    for (std::size_t at = bytes.find(signature); at != std::string::npos;
+         at = bytes.find(signature, at + 1)) {
         if (at + 30 > bytes.size()) break;
         auto u16 = [&](std::size_t off) {
             return static_cast<std::size_t>(static_cast<unsigned char>(bytes[at + off])) |
@@ -90,13 +91,15 @@ inline bool patchDeclaredSize(std::string& bytes, std::string const& name, std::
     std::string const local("PK\x03\x04", 4);
     std::string const central("PK\x01\x02", 4);
     for (std::size_t at = bytes.find(local); at != std::string::npos; at = bytes.find(local, at + 1)) {
-        if (at + 30 <= bytes.size() && u16(at + 26) == name.size() && bytes.compare(at + 30, name.size(), name) == 0) {
+        if (at + 30 <= bytes.size() && u16(at + 26) == name.size() &&
+            bytes.compare(at + 30, name.size(), name) == 0) {
             put32(at + 22);
             ++patched;
         }
     }
     for (std::size_t at = bytes.find(central); at != std::string::npos; at = bytes.find(central, at + 1)) {
-        if (at + 46 <= bytes.size() && u16(at + 28) == name.size() && bytes.compare(at + 46, name.size(), name) == 0) {
+        if (at + 46 <= bytes.size() && u16(at + 28) == name.size() &&
+            bytes.compare(at + 46, name.size(), name) == 0) {
             put32(at + 24);
             ++patched;
         }

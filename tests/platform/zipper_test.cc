@@ -2,12 +2,13 @@
 // real zip and unzip commands; hostile and damaged archives; the trace line.
 #include "vlplatform/zipper.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
-#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <string>
 #include <vector>
 
 #include "capture.h"
@@ -47,7 +48,9 @@ protected:
     // The sample folder: text, an empty file, an executable, binary data two
     // levels down and an empty directory.
     void makeSample(std::string const& folder) {
-        ASSERT_EQ(shell("mkdir -p '" + folder + "/bin' '" + folder + "/sub/deeper' '" + folder + "/emptydir'").status, 0);
+        ASSERT_EQ(shell("mkdir -p '" + folder + "/bin' '" + folder + "/sub/deeper' '" + folder + "/emptydir'")
+                      .status,
+                  0);
         writeFile(folder + "/a.txt", "alpha\n", 0644);
         writeFile(folder + "/empty", "", 0600);
         writeFile(folder + "/bin/exe", "#!/bin/sh\necho hi\n", 0755);
@@ -134,7 +137,8 @@ TEST_F(ZipperTest, ContentsZipHoldsWhatIsInsideTheFolder) {
     ASSERT_EQ(zipper::zipFolderContents(path("pkg"), path("out.zip")), 0);
     auto listing = shell("unzip -Z1 '" + path("out.zip") + "'");
     ASSERT_EQ(listing.status, 0) << listing.output;
-    EXPECT_EQ(listing.output, "a.txt\nbin/\nbin/exe\nempty\nemptydir/\nsub/\nsub/deeper/\nsub/deeper/data.bin\n");
+    EXPECT_EQ(listing.output,
+              "a.txt\nbin/\nbin/exe\nempty\nemptydir/\nsub/\nsub/deeper/\nsub/deeper/data.bin\n");
     ASSERT_EQ(zipper::unZipWithDirs(path("out.zip"), dest(), ""), 0);
     expectSample(dest());
     EXPECT_EQ(shell("'" + dest() + "/bin/exe'").output, "hi\n");
@@ -295,7 +299,8 @@ TEST_F(ZipperTest, UnzipAcceptsDotComponents) {
 
 TEST_F(ZipperTest, UnzipWithoutUnixModesUsesTheUmask) {
     writeZip(path("in.zip"), {{"pkg/a.txt", "alpha\n"}});
-    ASSERT_EQ(shell("unzip -Z '" + path("in.zip") + "' pkg/a.txt").output.substr(0, 10), "-rw----   ");  // MS-DOS attributes only
+    ASSERT_EQ(shell("unzip -Z '" + path("in.zip") + "' pkg/a.txt").output.substr(0, 10),
+              "-rw----   ");  // MS-DOS attributes only
     ASSERT_EQ(zipper::unZipWithDirs(path("in.zip"), dest(), ""), 0);
     EXPECT_EQ(readFile(dest() + "/pkg/a.txt"), "alpha\n");
     EXPECT_EQ(modeOf(dest() + "/pkg/a.txt"), 0644);
@@ -348,7 +353,8 @@ TEST_F(ZipperTest, UnzipReplacesADirectoryByAFileAndAFileByADirectory) {
     writeFile(dest() + "/was-dir/deep/x", "x");
     writeFile(dest() + "/was-file", "file\n");
     ASSERT_EQ(zipper::unZipWithDirs(path("in.zip"), dest(), ""), 0);
-    EXPECT_EQ(listTree(dest()), (std::vector<std::string>{"d was-file", "f was-dir 9", "f was-file/inner 6"}));
+    EXPECT_EQ(listTree(dest()),
+              (std::vector<std::string>{"d was-file", "f was-dir 9", "f was-file/inner 6"}));
 }
 
 TEST_F(ZipperTest, UnzipIntoAFileFailsWithENOTDIR) {
@@ -541,7 +547,9 @@ TEST_F(ZipperTest, UnzipOfAnEmptyFileFailsWithEINVAL) {
     expectRefused(path("empty.zip"));
 }
 
-TEST_F(ZipperTest, UnzipOfAMissingArchiveFailsWithENOENT) { expectRefused(path("missing.zip"), ENOENT); }
+TEST_F(ZipperTest, UnzipOfAMissingArchiveFailsWithENOENT) {
+    expectRefused(path("missing.zip"), ENOENT);
+}
 
 // --- setDebug ---------------------------------------------------------------
 
@@ -563,8 +571,8 @@ TEST_F(ZipperTest, DebugLevelOneWritesOneLinePerCall) {
     ASSERT_EQ(zipper::unZipWithDirs(path("out.zip"), dest(), ""), 0);
     EXPECT_EQ(out.release(), "[DEBUG] zipper::zipFolderAsFolder() " + path("pkg") + " -> " + path("out.zip") +
                                  ": 9 entries\n"
-                                 "[DEBUG] zipper::unZipWithDirs() " + path("out.zip") + " -> " + dest() +
-                                 ": 9 entries\n");
+                                 "[DEBUG] zipper::unZipWithDirs() " +
+                                 path("out.zip") + " -> " + dest() + ": 9 entries\n");
 }
 
 TEST_F(ZipperTest, DebugLineNamesTheReasonOfAFailure) {
@@ -573,9 +581,11 @@ TEST_F(ZipperTest, DebugLineNamesTheReasonOfAFailure) {
     zipper::setDebug(2);
     EXPECT_EQ(zipper::zipFolderAsFolder(path("missing"), path("out.zip")), -1);
     EXPECT_EQ(zipper::unZipWithDirs(path("in.zip"), dest(), ""), -1);
-    EXPECT_EQ(out.release(), "[DEBUG] zipper::zipFolderAsFolder() " + path("missing") + " -> " + path("out.zip") +
-                                 ": failed: cannot stat " + path("missing") + ": No such file or directory\n"
-                                 "[DEBUG] zipper::unZipWithDirs() " + path("in.zip") + " -> " + dest() +
+    EXPECT_EQ(out.release(), "[DEBUG] zipper::zipFolderAsFolder() " + path("missing") + " -> " +
+                                 path("out.zip") + ": failed: cannot stat " + path("missing") +
+                                 ": No such file or directory\n"
+                                 "[DEBUG] zipper::unZipWithDirs() " +
+                                 path("in.zip") + " -> " + dest() +
                                  ": failed: refused entry \"../e\\x0avil\": \"..\" component\n");
 }
 

@@ -72,11 +72,11 @@ TEST(Notify, ReadyOnceEveryModuleServesThenWatchdogWhileTheLoopTurns) {
     ASSERT_EQ(nxatest::shell("mkdir -p " + sources()).status, 0);
     // The programs say whether they were told of the service manager's socket.
     std::string const body = "printf 'notify:%s\\n' \"${NOTIFY_SOCKET:-none}\"; exec sleep 100000";
-    installPackage({writeModule(sources(), "alpha", "noarch", body), writeModule(sources(), "beta", "noarch", body)});
+    installPackage(
+        {writeModule(sources(), "alpha", "noarch", body), writeModule(sources(), "beta", "noarch", body)});
     NotifySocket manager;
     ASSERT_TRUE(manager.bound());
-    HostProcess host({"alpha", "beta"},
-                     {"NOTIFY_SOCKET=" + manager.path(), "WATCHDOG_USEC=400000"});
+    HostProcess host({"alpha", "beta"}, {"NOTIFY_SOCKET=" + manager.path(), "WATCHDOG_USEC=400000"});
 
     std::string const ready = manager.next();
     ASSERT_EQ(ready, "READY=1\nSTATUS=2 modules: 2 running, 0 restarting, 0 ended") << describe(host);
@@ -100,7 +100,8 @@ TEST(Notify, AProgramThatEndsChangesTheStatus) {
     NotifySocket manager;
     ASSERT_TRUE(manager.bound());
     HostProcess host({"quick"}, {"NOTIFY_SOCKET=" + manager.path()});
-    ASSERT_EQ(manager.next(), "READY=1\nSTATUS=1 modules: 1 running, 0 restarting, 0 ended") << describe(host);
+    ASSERT_EQ(manager.next(), "READY=1\nSTATUS=1 modules: 1 running, 0 restarting, 0 ended")
+        << describe(host);
     Background client(ncCommand(20100), true);
     client.send("end\n");
     EXPECT_EQ(manager.next(), "STATUS=1 modules: 0 running, 1 restarting, 0 ended") << describe(host);

@@ -57,7 +57,9 @@ protected:
     void addDropIn(std::string const& extra = "") const {
         std::string const dropIn = std::string(NXA_SOURCE_DIR) + "/share/systemd/nxahost-loopback-only.conf";
         nxatest::shell("cp " + dropIn + " " + dir_ + "/nxahost.service.d/");
-        if (!extra.empty()) nxatest::shell("printf '%s\\n' '" + extra + "' >> " + dir_ + "/nxahost.service.d/nxahost-loopback-only.conf");
+        if (!extra.empty())
+            nxatest::shell("printf '%s\\n' '" + extra + "' >> " + dir_ +
+                           "/nxahost.service.d/nxahost-loopback-only.conf");
     }
 
     std::string dir_;
@@ -84,17 +86,22 @@ TEST_F(Units, AMistakeInTheDropInIsSeen) {
 
 TEST(InstalledUnits, NameThePrefixTheTreeIsInstalledTo) {
     std::string const host = installedUnit("nxahost.service");
-    EXPECT_NE(host.find("\nExecStart=/usr/bin/nxahost $NXAHOST_OPTIONS $NXAHOST_MODULES\n"), std::string::npos) << host;
+    EXPECT_NE(host.find("\nExecStart=/usr/bin/nxahost $NXAHOST_OPTIONS $NXAHOST_MODULES\n"),
+              std::string::npos)
+        << host;
     EXPECT_NE(host.find("\nEnvironmentFile=-/etc/default/nxahost\n"), std::string::npos) << host;
-    EXPECT_NE(installedUnit("nxa-broker.service").find("ExecStart=/usr/sbin/mosquitto -c /usr/share/nxa/mosquitto.conf\n"),
+    EXPECT_NE(installedUnit("nxa-broker.service")
+                  .find("ExecStart=/usr/sbin/mosquitto -c /usr/share/nxa/mosquitto.conf\n"),
               std::string::npos);
-    EXPECT_NE(nxatest::readFile(installedTree() + "/etc/default/nxahost").find("NXAHOST_MODULES=\"\""), std::string::npos);
+    EXPECT_NE(nxatest::readFile(installedTree() + "/etc/default/nxahost").find("NXAHOST_MODULES=\"\""),
+              std::string::npos);
 }
 
 TEST_F(Units, TheHostUnitIsANotifyServiceWithAWatchdogAndRoomForDescriptors) {
     std::string const unit = unitForTree("nxahost.service");
-    for (char const* line : {"Type=notify\n", "WatchdogSec=30s\n", "Restart=on-failure\n", "LimitNOFILE=65536\n",
-                             "After=network.target nxa-broker.service mosquitto.service\n", "KillMode=mixed\n"}) {
+    for (char const* line :
+         {"Type=notify\n", "WatchdogSec=30s\n", "Restart=on-failure\n", "LimitNOFILE=65536\n",
+          "After=network.target nxa-broker.service mosquitto.service\n", "KillMode=mixed\n"}) {
         EXPECT_NE(unit.find(line), std::string::npos) << line;
     }
 }

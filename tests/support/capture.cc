@@ -1,11 +1,12 @@
 #include "capture.h"
 
-#include <cstdio>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace nxatest {
 
@@ -59,7 +60,8 @@ std::string Capture::release() {
     saved_ = -1;
     // Failure messages written while capturing would be lost: show them.
     if (::testing::Test::HasFailure()) {
-        std::string shown = "---- captured on fd " + std::to_string(fd_) + ":\n" + out + "---- end of capture\n";
+        std::string shown =
+            "---- captured on fd " + std::to_string(fd_) + ":\n" + out + "---- end of capture\n";
         ssize_t ignored = ::write(fd_, shown.data(), shown.size());
         (void)ignored;
     }

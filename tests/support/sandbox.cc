@@ -1,7 +1,8 @@
 #include "sandbox.h"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
 
 #include "shell.h"
 
@@ -28,11 +29,21 @@ bool inSandbox() {
     return v && std::string(v) == "1";
 }
 
-void brokerStart() { broker("start"); }
-void brokerStop() { broker("stop"); }
-void brokerKill() { broker("kill"); }
+void brokerStart() {
+    broker("start");
+}
+void brokerStop() {
+    broker("stop");
+}
+void brokerKill() {
+    broker("kill");
+}
 
-std::string sourceDir() { return envOr("NXA_SOURCE_DIR", NXA_DEFAULT_SOURCE_DIR); }
-std::string binaryDir() { return envOr("NXA_BINARY_DIR", NXA_DEFAULT_BINARY_DIR); }
+std::string sourceDir() {
+    return envOr("NXA_SOURCE_DIR", NXA_DEFAULT_SOURCE_DIR);
+}
+std::string binaryDir() {
+    return envOr("NXA_BINARY_DIR", NXA_DEFAULT_BINARY_DIR);
+}
 
 }  // namespace nxatest

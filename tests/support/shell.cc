@@ -1,15 +1,16 @@
 #include "shell.h"
 
-#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vlplatform/net.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <thread>
 
 namespace nxatest {
 

@@ -36,12 +36,14 @@ bool HostControl::handle(RouterMessage const& msg) {
     json request = json::parse(system->text(), nullptr, false);
     if (!request.is_object() || !request.contains("command") || !request["command"].is_string() ||
         msg.sender().empty()) {
-        if (options_.debug > 0) hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": not a request");
+        if (options_.debug > 0)
+            hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": not a request");
         return true;
     }
     json body = answer(request);
     if (body.is_null()) {
-        if (options_.debug > 0) hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": unknown command");
+        if (options_.debug > 0)
+            hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": unknown command");
         return true;
     }
     if (request.contains("id")) body["id"] = request["id"];
@@ -65,8 +67,8 @@ json HostControl::answer(json const& request) {
 
 json HostControl::status() const {
     json modules = json::array();
-    std::vector<ModulePort> const ports = runningModulePorts(options_.modules, options_.maxModules, options_.port,
-                                                             client_.getModulesInstalled());
+    std::vector<ModulePort> const ports = runningModulePorts(options_.modules, options_.maxModules,
+                                                             options_.port, client_.getModulesInstalled());
     for (ModulePort const& entry : ports) {
         if (NXAClient::Module const* module = client_.modules.find(entry.name))
             modules.push_back(moduleStatus(*module, entry.port));
@@ -83,13 +85,21 @@ json HostControl::moduleStatus(NXAClient::Module const& module, unsigned short p
         if (c.kind == "bus") ++subscribers;
         if (c.kind != "log") chunksLost += c.counters.lostChunks;
     }
-    json row{{"name", module.getName()}, {"port", port}, {"state", program.state.empty() ? "running" : program.state},
-             {"pid", program.pid}, {"uptime", program.state == "running" ? secondsSince(program.startedAt) : 0.0},
-             {"restarts", program.restarts}, {"last_end", program.lastEnd}, {"clients", clients},
-             {"subscribers", subscribers}, {"bytes_out", bytesOut}, {"chunks_lost", chunksLost},
+    json row{{"name", module.getName()},
+             {"port", port},
+             {"state", program.state.empty() ? "running" : program.state},
+             {"pid", program.pid},
+             {"uptime", program.state == "running" ? secondsSince(program.startedAt) : 0.0},
+             {"restarts", program.restarts},
+             {"last_end", program.lastEnd},
+             {"clients", clients},
+             {"subscribers", subscribers},
+             {"bytes_out", bytesOut},
+             {"chunks_lost", chunksLost},
              {"bus", module.busConnected()}};
     if (program.restartAt) {
-        row["restart_in"] = std::max(0.0, std::chrono::duration<double>(*program.restartAt - Clock::now()).count());
+        row["restart_in"] =
+            std::max(0.0, std::chrono::duration<double>(*program.restartAt - Clock::now()).count());
     }
     return row;
 }
@@ -99,10 +109,15 @@ json HostControl::clients(std::string const& name) const {
     if (module == nullptr) return failure(noModule(name));
     json rows = json::array();
     for (NXAClient::Module::Consumer const& c : module->getConsumers()) {
-        rows.push_back(json{{"id", c.id}, {"kind", c.kind}, {"address", c.address},
-                            {"attached", secondsSince(c.attachedAt)}, {"pushed", c.counters.pushed},
-                            {"delivered", c.counters.delivered}, {"queued_chunks", c.queuedChunks},
-                            {"queued_bytes", c.queuedBytes}, {"lost_chunks", c.counters.lostChunks},
+        rows.push_back(json{{"id", c.id},
+                            {"kind", c.kind},
+                            {"address", c.address},
+                            {"attached", secondsSince(c.attachedAt)},
+                            {"pushed", c.counters.pushed},
+                            {"delivered", c.counters.delivered},
+                            {"queued_chunks", c.queuedChunks},
+                            {"queued_bytes", c.queuedBytes},
+                            {"lost_chunks", c.counters.lostChunks},
                             {"lost_bytes", c.counters.lostBytes}});
     }
     return json{{"ok", true}, {"module", name}, {"clients", rows}};

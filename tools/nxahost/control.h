@@ -5,12 +5,12 @@
 // with "ok" and the request's "id".
 #pragma once
 
-#include <functional>
-#include <string>
-
-#include <nlohmann/json.hpp>
 #include <nxaclient.h>
 #include <vlplatform/vlpbus_client.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
 
 #include "options.h"
 #include "program_supervisor.h"

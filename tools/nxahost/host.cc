@@ -85,8 +85,8 @@ void Host::asHostOnly(std::function<void()> const& step) {
 }
 
 void Host::reportModules() {
-    std::vector<ModulePort> const running =
-        runningModulePorts(options_.modules, options_.maxModules, options_.port, client_.getModulesInstalled());
+    std::vector<ModulePort> const running = runningModulePorts(options_.modules, options_.maxModules,
+                                                               options_.port, client_.getModulesInstalled());
     if (running.empty()) hostLog(kHostWarning, "no module is running");
     for (ModulePort const& m : running) {
         if (m.port == 0) {
@@ -95,7 +95,8 @@ void Host::reportModules() {
                     " runs on a port the system chose: the port numbers wrapped past 65535");
             continue;
         }
-        hostLog(kHostInfo, "module ", m.name, " runs on port ", m.port, " (attach: nc 127.0.0.1 ", m.port, ")");
+        hostLog(kHostInfo, "module ", m.name, " runs on port ", m.port, " (attach: nc 127.0.0.1 ", m.port,
+                ")");
     }
     if (bus_.isConnected()) hostLog(kHostInfo, "bus name ", options_.busName);
 }
@@ -108,7 +109,8 @@ void Host::stopModules() {
 
 void Host::reactToSignals() {
     unsigned const events = signals_.take();
-    if ((events & HostSignals::kChildEnded) && supervisor_.checkEnded(Clock::now())) notifier_.status(statusText());
+    if ((events & HostSignals::kChildEnded) && supervisor_.checkEnded(Clock::now()))
+        notifier_.status(statusText());
     if (events & HostSignals::kDumpLog) printRunLog();
     if (events & HostSignals::kStop) {
         stopping_ = true;

@@ -2,15 +2,15 @@
 // loop, with the host's own bus connection and signal handling.
 #pragma once
 
+#include <nxaclient.h>
+#include <vlplatform/fd_set.h>
+#include <vlplatform/vlpbus_client.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nxaclient.h>
-#include <vlplatform/fd_set.h>
-#include <vlplatform/vlpbus_client.h>
 
 #include "control.h"
 #include "host_signals.h"

@@ -2,10 +2,10 @@
 // written whole under the trace lock the library uses, and flushed.
 #pragma once
 
+#include <vlplatform/log_util.h>
+
 #include <iostream>
 #include <mutex>
-
-#include <vlplatform/log_util.h>
 
 inline constexpr char kHostInfo[] = "[INFO] ";
 inline constexpr char kHostWarning[] = "[WARNING] ";

@@ -1,13 +1,13 @@
 #include "host_signals.h"
 
-#include <cerrno>
-#include <csignal>
 #include <fcntl.h>
 #include <pthread.h>
-#include <stdexcept>
 #include <unistd.h>
-
 #include <vlplatform/exceptions.h>
+
+#include <cerrno>
+#include <csignal>
+#include <stdexcept>
 
 namespace {
 
@@ -19,10 +19,14 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGCHLD};
 int slotOf(int signal) {
     switch (signal) {
         case SIGINT:
-        case SIGTERM: return 0;
-        case SIGHUP: return 1;
-        case SIGUSR1: return 2;
-        default: return 3;
+        case SIGTERM:
+            return 0;
+        case SIGHUP:
+            return 1;
+        case SIGUSR1:
+            return 2;
+        default:
+            return 3;
     }
 }
 

@@ -59,7 +59,8 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     if (supervisor_.settling()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
     for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
-        if (due) sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
+        if (due)
+            sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
     }
     return static_cast<int>(timeout);
 }

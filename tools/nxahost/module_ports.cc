@@ -1,11 +1,12 @@
 #include "module_ports.h"
 
-#include <cerrno>
-#include <cstring>
 #include <netinet/in.h>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
 
 namespace {
 
@@ -26,8 +27,9 @@ int probePort(unsigned short port) {
 
 }  // namespace
 
-std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured, unsigned long maxModules,
-                                           unsigned short firstPort, std::vector<std::string> const& installed) {
+std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured,
+                                           unsigned long maxModules, unsigned short firstPort,
+                                           std::vector<std::string> const& installed) {
     std::vector<ModulePort> running;
     std::size_t next = 0;
     for (std::size_t k = 0; k < configured.size() && k < maxModules && next < installed.size(); ++k) {

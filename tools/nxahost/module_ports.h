@@ -13,8 +13,9 @@ struct ModulePort {
 // after 65535) and keeps at most maxModules; the modules still installed after
 // the manifest check are a subsequence of those, in the same order. Returns
 // each installed module with its port.
-std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured, unsigned long maxModules,
-                                           unsigned short firstPort, std::vector<std::string> const& installed);
+std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& configured,
+                                           unsigned long maxModules, unsigned short firstPort,
+                                           std::vector<std::string> const& installed);
 
 // Throws std::runtime_error ("port <p> for module <name> is in use: <system
 // text>") for the first configured module whose port cannot be bound now.

@@ -1,9 +1,10 @@
 #include "options.h"
 
+#include <getopt.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <getopt.h>
 
 namespace {
 
@@ -76,10 +77,14 @@ bool parseNumber(char const* text, unsigned long low, unsigned long high, unsign
 }
 
 bool parseRestart(std::string const& text, RestartPolicy& policy) {
-    if (text == "on-failure") policy = RestartPolicy::onFailure;
-    else if (text == "always") policy = RestartPolicy::always;
-    else if (text == "never") policy = RestartPolicy::never;
-    else return false;
+    if (text == "on-failure")
+        policy = RestartPolicy::onFailure;
+    else if (text == "always")
+        policy = RestartPolicy::always;
+    else if (text == "never")
+        policy = RestartPolicy::never;
+    else
+        return false;
     return true;
 }
 
@@ -112,16 +117,26 @@ std::string unknownOption(char* const argv[]) {
 std::string applyOption(int option, char const* value, HostOptions& options) {
     unsigned long number = 0;
     switch (option) {
-        case kPackageDir: options.packageDir = value; break;
-        case kModulesDir: options.modulesDir = value; break;
-        case kWorkDir: options.workDir = value; break;
-        case kBusName: options.busName = value; break;
+        case kPackageDir:
+            options.packageDir = value;
+            break;
+        case kModulesDir:
+            options.modulesDir = value;
+            break;
+        case kWorkDir:
+            options.workDir = value;
+            break;
+        case kBusName:
+            options.busName = value;
+            break;
         case kPort:
-            if (!parseNumber(value, 1, 65535, number)) return "--port needs a number from 1 to 65535, not '" + std::string(value) + "'";
+            if (!parseNumber(value, 1, 65535, number))
+                return "--port needs a number from 1 to 65535, not '" + std::string(value) + "'";
             options.port = static_cast<unsigned short>(number);
             break;
         case kMaxModules:
-            if (!parseNumber(value, 0, ULONG_MAX, number)) return "--max-modules needs a whole number, not '" + std::string(value) + "'";
+            if (!parseNumber(value, 0, ULONG_MAX, number))
+                return "--max-modules needs a whole number, not '" + std::string(value) + "'";
             options.maxModules = number;
             break;
         case kRestart:
@@ -130,19 +145,23 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
             break;
         case kClientTimeout:
             if (!parseNumber(value, 1, 86400, number))
-                return "--client-timeout needs a number of seconds from 1 to 86400, not '" + std::string(value) + "'";
+                return "--client-timeout needs a number of seconds from 1 to 86400, not '" +
+                       std::string(value) + "'";
             options.clientTimeout = static_cast<unsigned>(number);
             break;
         case kUnpackBudget:
             if (!parseNumber(value, 1, 1024 * 1024, number))
-                return "--unpack-budget needs a number of MiB from 1 to 1048576, not '" + std::string(value) + "'";
+                return "--unpack-budget needs a number of MiB from 1 to 1048576, not '" + std::string(value) +
+                       "'";
             options.unpackBudgetMiB = number;
             break;
         case kDebug:
-            if (!parseNumber(value, 0, UINT_MAX, number)) return "--debug needs a whole number, not '" + std::string(value) + "'";
+            if (!parseNumber(value, 0, UINT_MAX, number))
+                return "--debug needs a whole number, not '" + std::string(value) + "'";
             options.debug = static_cast<unsigned>(number);
             break;
-        default: return "unknown option";
+        default:
+            return "unknown option";
     }
     return {};
 }
@@ -166,7 +185,8 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     }
     for (int i = optind; i < argc; ++i) {
         if (leavesTheModulesTree(argv[i]))
-            return usageError(std::string("module name '") + argv[i] + "' is empty, '.', '..' or holds a '/'");
+            return usageError(std::string("module name '") + argv[i] +
+                              "' is empty, '.', '..' or holds a '/'");
         result.options.modules.emplace_back(argv[i]);
     }
     if (result.options.modules.empty()) return usageError("no module named");

@@ -1,11 +1,11 @@
 #include "package_check.h"
 
 #include <sys/stat.h>
-
-#include <exception>
 #include <vlplatform/fs.h>
 #include <vlplatform/ini_parser.h>
 #include <vlplatform/zipper.h>
+
+#include <exception>
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vlplatform/messages.h>
 
 #include <algorithm>
-#include <vlplatform/messages.h>
 
 #include "host_log.h"
 
@@ -73,7 +73,8 @@ bool ProgramSupervisor::settle(Clock::time_point now) {
     bool any = false;
     for (auto it = unsettled_.begin(); it != unsettled_.end();) {
         NXAClient::Module* module = client_.modules.find(it->first);
-        bool const drained = module == nullptr || module->pendingOutput() == 0 || now - it->second >= kSettleLimit;
+        bool const drained =
+            module == nullptr || module->pendingOutput() == 0 || now - it->second >= kSettleLimit;
         if (!drained) {
             ++it;
             continue;
@@ -89,8 +90,8 @@ bool ProgramSupervisor::settle(Clock::time_point now) {
     return any;
 }
 
-void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::string const& how, bool failed,
-                              Clock::time_point now) {
+void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::string const& how,
+                              bool failed, Clock::time_point now) {
     program.reported = true;
     program.status.lastEnd = how;
     std::string next = "not restarted";
@@ -103,8 +104,8 @@ void ProgramSupervisor::ended(NXAClient::Module& module, Program& program, std::
         program.status.state = "ended";
         unschedule(program);
     }
-    hostLog(kHostWarning, "module program ", module.getName(), " (pid ", module.getChildPid(), ") has ended: ", how,
-            "; ", next);
+    hostLog(kHostWarning, "module program ", module.getName(), " (pid ", module.getChildPid(),
+            ") has ended: ", how, "; ", next);
     tellConsumers(module, "[nxahost] program ended: " + how + "; " + next + "\n");
     module.announce(VLPBus::statusNames[kStateStopped]);
 }
@@ -157,7 +158,8 @@ void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clo
     program.status.pid = module.getChildPid();
     program.status.startedAt = now;
     ++program.status.restarts;
-    hostLog(kHostInfo, "module program ", module.getName(), " started again (pid ", module.getChildPid(), ")");
+    hostLog(kHostInfo, "module program ", module.getName(), " started again (pid ", module.getChildPid(),
+            ")");
 }
 
 std::optional<ProgramSupervisor::Clock::time_point> ProgramSupervisor::nextDue() const {

@@ -1,6 +1,7 @@
 // Module programs that end, and starting them again with back-off.
 #pragma once
 
+#include <nxaclient.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -8,8 +9,6 @@
 #include <optional>
 #include <random>
 #include <string>
-
-#include <nxaclient.h>
 
 // Which ended programs are started again.
 enum class RestartPolicy { onFailure, always, never };

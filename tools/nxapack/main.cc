@@ -3,6 +3,9 @@
 // Makes the installable module package: OUT.zip holding one NAME.zip per
 // module, each with the module's Manifest and program at its top level, as the
 // host installs them into <modules dir>/NAME.
+#include <vlplatform/fs.h>
+#include <vlplatform/zipper.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -10,9 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <vlplatform/fs.h>
-#include <vlplatform/zipper.h>
 
 #include "module_source.h"
 
@@ -32,7 +32,8 @@ public:
         std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/nxapack.XXXXXX";
         std::vector<char> buf(pattern.begin(), pattern.end());
         buf.push_back('\0');
-        if (!mkdtemp(buf.data())) throw std::runtime_error("cannot create a scratch folder: " + std::string(std::strerror(errno)));
+        if (!mkdtemp(buf.data()))
+            throw std::runtime_error("cannot create a scratch folder: " + std::string(std::strerror(errno)));
         path_ = buf.data();
     }
     ~ScratchDir() { rmDir(path_, true); }
@@ -50,7 +51,8 @@ void pack(std::string const& out, std::vector<std::string> const& inputs) {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
         std::string const unpacked = scratch.path() + "/input" + std::to_string(i);
         ModuleSource const module = locateModule(inputs[i], unpacked);
-        if (!names.insert(module.name).second) throw std::runtime_error("module " + module.name + " given twice");
+        if (!names.insert(module.name).second)
+            throw std::runtime_error("module " + module.name + " given twice");
         std::string const warning = checkModule(module);
         if (!warning.empty()) std::cerr << "nxapack: warning: " << warning << "\n";
         if (zipper::zipFolderContents(module.dir, staged + "/" + module.name + ".zip") != 0) {

@@ -1,15 +1,15 @@
 #include "module_source.h"
 
 #include <dirent.h>
-#include <memory>
-#include <stdexcept>
 #include <sys/stat.h>
-#include <vector>
-
 #include <vlplatform/exceptions.h>
 #include <vlplatform/fs.h>
 #include <vlplatform/ini_parser.h>
 #include <vlplatform/zipper.h>
+
+#include <memory>
+#include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -20,7 +20,8 @@ std::string baseName(std::string path) {
 }
 
 bool endsWith(std::string const& text, std::string const& suffix) {
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 std::vector<std::string> entriesOf(std::string const& dir) {
@@ -52,7 +53,8 @@ ModuleSource locateModule(std::string const& input, std::string const& scratch) 
     if (isDirectory(input.c_str(), std::nothrow)) return {baseName(input), input};
     struct stat status;
     if (stat(input.c_str(), &status) != 0) throw std::runtime_error(input + ": no such folder or file");
-    if (!endsWith(input, ".zip")) throw std::runtime_error(input + ": neither a module folder nor a .zip file");
+    if (!endsWith(input, ".zip"))
+        throw std::runtime_error(input + ": neither a module folder nor a .zip file");
     return extractZip(input, scratch);
 }
 
@@ -66,7 +68,8 @@ std::string checkModule(ModuleSource const& module) {
         IniParser parser(manifest, 0);
         auto const it = parser.values().find("name");
         if (it != parser.values().end()) named = it->second;
-        if (parser.values().count("architecture") == 0) throw std::runtime_error(who + "the Manifest has no architecture");
+        if (parser.values().count("architecture") == 0)
+            throw std::runtime_error(who + "the Manifest has no architecture");
     } catch (VLException const& e) {
         throw std::runtime_error(who + "the Manifest does not parse: " + e.what());
     } catch (std::ios_base::failure const&) {
@@ -80,6 +83,7 @@ std::string checkModule(ModuleSource const& module) {
     if (stat(program.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
         throw std::runtime_error(who + "no program file " + module.name + " in " + module.dir);
     }
-    if ((status.st_mode & S_IXUSR) == 0) return who + "the program is not executable; the host will make it so";
+    if ((status.st_mode & S_IXUSR) == 0)
+        return who + "the program is not executable; the host will make it so";
     return {};
 }

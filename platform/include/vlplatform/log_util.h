@@ -38,5 +38,5 @@ std::string makeString(T const& value) {
 // line ends with '\n'. Writes nothing for an empty range; width 0 is taken as 16.
 //     hexdump(os, p, p + 3, "master", 4, 1, true) with "AB\n" writes
 //     "master: 00000000: 41 42 0a     AB.\n"
-void hexdump(std::ostream& os, unsigned char const* first, unsigned char const* last,
-             char const* label, unsigned width, int prefixKind, bool ascii);
+void hexdump(std::ostream& os, unsigned char const* first, unsigned char const* last, char const* label,
+             unsigned width, int prefixKind, bool ascii);

@@ -2,8 +2,9 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <ostream>
 #include <sys/socket.h>
+
+#include <ostream>
 
 // Fills `addr` with the IPv4 address of `host` (a dotted address or a name;
 // null means any local address) and `port`, and returns the length to pass to

@@ -1,8 +1,9 @@
 // Child processes of one parent: fork, stop and reap.
 #pragma once
 
-#include <set>
 #include <sys/types.h>
+
+#include <set>
 
 // Keeps the ids of the children forked through it until they are reaped.
 // stop() and waitChildren() only touch children of this object; its children
