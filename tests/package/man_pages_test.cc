@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -70,24 +69,44 @@ std::vector<std::string> sectionOf(std::string const& text, std::string const& n
     return section;
 }
 
+bool isOptionChar(char c) {
+    return (c >= 'a' && c <= 'z') || c == '-';
+}
+
+// The "--word" starting at `at` in `text` (letters and dashes, ending in a
+// letter), or an empty text when there is none.
+std::string optionAt(std::string const& text, std::size_t at) {
+    if (text.compare(at, 2, "--") != 0 || at + 2 >= text.size() || text[at + 2] < 'a' || text[at + 2] > 'z')
+        return {};
+    std::size_t end = at + 2;
+    while (end < text.size() && isOptionChar(text[end])) ++end;
+    while (end > at + 2 && text[end - 1] == '-') --end;
+    return text.substr(at, end - at);
+}
+
 // The options an entry of OPTIONS starts with: "--work-dir DIR" gives
-// --work-dir, "-h, --help" gives --help.
+// --work-dir, "-h, --help" gives --help. Entries are indented by seven blanks.
 std::set<std::string> documentedOptions(std::vector<std::string> const& section) {
-    std::regex const entry(R"(^ {7}(?:-[A-Za-z], )?(--[a-z][a-z-]*)(?: .*|,.*)?$)");
     std::set<std::string> options;
-    std::smatch m;
     for (std::string const& line : section) {
-        if (std::regex_match(line, m, entry)) options.insert(m[1]);
+        if (line.compare(0, 7, "       ") != 0 || line.size() < 9 || line[7] != '-') continue;
+        std::size_t at = 7;
+        if (line[8] != '-' && line.compare(9, 2, ", ") == 0) at = 11;  // "-h, --help"
+        std::string const option = optionAt(line, at);
+        std::size_t const after = at + option.size();
+        if (!option.empty() && (after == line.size() || line[after] == ' ' || line[after] == ','))
+            options.insert(option);
     }
     return options;
 }
 
 // Every "--word" of the tool's help text, and --help, which printed it.
 std::set<std::string> helpOptions(std::string const& help) {
-    std::regex const word(R"(--[a-z][a-z-]*[a-z])");
     std::set<std::string> options{"--help"};
-    for (std::sregex_iterator it(help.begin(), help.end(), word), end; it != end; ++it)
-        options.insert(it->str());
+    for (std::size_t at = help.find("--"); at != std::string::npos; at = help.find("--", at + 2)) {
+        std::string const option = optionAt(help, at);
+        if (!option.empty()) options.insert(option);
+    }
     return options;
 }
 
