@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "build/build_paths.h"
-#include "client/trace.h"
+#include "build_paths.h"
 #include "nxaclient.h"
+#include "trace.h"
 
 namespace {
 

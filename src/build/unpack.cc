@@ -9,8 +9,8 @@
 #include <memory>
 #include <optional>
 
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
 using nxa::trace::kClient;
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
 using nxa::trace::kModules;
 

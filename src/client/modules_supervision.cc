@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <set>
 
-#include "client/trace.h"
-#include "module/output_messages.h"
 #include "nxaclient.h"
+#include "output_messages.h"
+#include "trace.h"
 
 using nxa::trace::kModules;
 

@@ -5,8 +5,8 @@
 
 #include <stdexcept>
 
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
 unsigned int NXAClient::debug = 0;
 

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <typeinfo>
 
-#include "module/module_trace.h"
+#include "module_trace.h"
 #include "nxaclient.h"
 
 namespace {
@@ -42,10 +42,10 @@ std::map<std::string, std::set<std::string>> const NXAClient::Module::archmap = 
     {"i686", {"i686"}},
 };
 
-NXAClient::Module::Module(std::string const& name, unsigned short port, Proc& proc)
-    : name(name),
+NXAClient::Module::Module(std::string const& moduleName, unsigned short port, Proc& children)
+    : name(moduleName),
       childpid(-1),
-      proc(proc),
+      proc(children),
       serverfd(-1),
       master(-1),
       slave(-1),

@@ -12,7 +12,7 @@
 #include <iostream>
 #include <new>
 
-#include "module/module_trace.h"
+#include "module_trace.h"
 #include "nxaclient.h"
 
 namespace {

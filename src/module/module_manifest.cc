@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <ios>
 
-#include "module/module_trace.h"
+#include "module_trace.h"
 #include "nxaclient.h"
 
 namespace {

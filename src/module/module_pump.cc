@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <mutex>
 
-#include "module/module_trace.h"
-#include "module/output_messages.h"
+#include "module_trace.h"
 #include "nxaclient.h"
+#include "output_messages.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // client/trace.h, since the helper's own __func__ would be the wrong one.
 #pragma once
 
-#include "client/trace.h"
+#include "trace.h"
 
 namespace nxa {
 namespace module {

@@ -1,9 +1,9 @@
 // NXAClient::Peer: the bounded queue every kind of peer shares.
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
-NXAClient::Peer::Peer(Module const& module, std::string const& id)
-    : module(module), id(id), queue(), counters(), attachedAt(std::chrono::steady_clock::now()) {}
+NXAClient::Peer::Peer(Module const& owner, std::string const& peerId)
+    : module(owner), id(peerId), queue(), counters(), attachedAt(std::chrono::steady_clock::now()) {}
 
 NXAClient::Peer::~Peer() = default;
 

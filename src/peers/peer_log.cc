@@ -1,7 +1,7 @@
 // NXAClient::PeerLog: the module's run log, a peer that nobody drains.
 #include "nxaclient.h"
 
-NXAClient::PeerLog::PeerLog(Module const& module) : Peer(module, "client") {}
+NXAClient::PeerLog::PeerLog(Module const& owner) : Peer(owner, "client") {}
 
 NXAClient::PeerLog::~PeerLog() {
     PeerLog::close();

@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
 namespace {
 
@@ -15,10 +15,10 @@ constexpr std::size_t kReadSize = 512;
 
 }  // namespace
 
-NXAClient::PeerTelnet::PeerTelnet(Module const& module, std::string const& id, int fd)
-    : Peer(module, id), fd(-1) {
+NXAClient::PeerTelnet::PeerTelnet(Module const& owner, std::string const& peerId, int connection)
+    : Peer(owner, peerId), fd(-1) {
     seedFromRunLog();
-    this->fd = fd;
+    fd = connection;
 }
 
 NXAClient::PeerTelnet::~PeerTelnet() {

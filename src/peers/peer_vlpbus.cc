@@ -2,8 +2,8 @@
 // the module's own bus connection, one system message per chunk.
 #include <utility>
 
-#include "module/output_messages.h"
 #include "nxaclient.h"
+#include "output_messages.h"
 
 namespace {
 
@@ -14,7 +14,8 @@ int busFd(VLPBusClient const* bus) {
 
 }  // namespace
 
-NXAClient::PeerVLPBus::PeerVLPBus(Module const& module, std::string const& id) : Peer(module, id) {
+NXAClient::PeerVLPBus::PeerVLPBus(Module const& owner, std::string const& subscriber)
+    : Peer(owner, subscriber) {
     seedFromRunLog();
 }
 

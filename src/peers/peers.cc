@@ -3,11 +3,10 @@
 
 #include <iterator>
 
-#include "client/trace.h"
 #include "nxaclient.h"
+#include "trace.h"
 
-NXAClient::Peers::Peers(Module const& module, std::initializer_list<Peer*> initial)
-    : module(module), peers() {
+NXAClient::Peers::Peers(Module const& owner, std::initializer_list<Peer*> initial) : module(owner), peers() {
     for (Peer* peer : initial) {
         std::unique_ptr<Peer> owned(peer);
         if (!owned) continue;

@@ -1,5 +1,5 @@
 // The one trace frame shared by every component.
-#include "client/trace.h"
+#include "trace.h"
 
 #include <gtest/gtest.h>
 
