@@ -145,8 +145,14 @@ public:
         std::vector<Peer const*> getPeers() const;
 
     private:
+        // Notes whether every peer is a run log, whose addFds, forward and
+        // write do nothing: the visits can then be left out, which is what
+        // keeps an idle module cheap on every turn of the host's loop.
+        void notePeersChanged();
+
         Module const& module;
         std::map<std::string, std::unique_ptr<Peer>> peers;
+        bool onlyRunLogs = true;
 
         friend struct ::NXATestAccess;
     };

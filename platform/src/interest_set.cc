@@ -172,7 +172,20 @@ bool InterestSet::change(int fd, unsigned events) {
         return true;
     }
     if (entry.mode == Mode::none) return enter(fd, events);
-    if (entry.mode == Mode::kernel) return modify(fd, events);
+    if (entry.mode == Mode::kernel) {
+        // Write interest is dropped lazily: a descriptor asked for writing on
+        // one turn and not the next (a client's queue that just drained) keeps
+        // it until the kernel reports it writable on a wait that finds nothing
+        // else (see dropUnwanted()), which saves two system calls a turn on a
+        // busy connection.
+        bool const covered = (entry.registered & ~unsigned{EPOLLOUT}) == (events & ~unsigned{EPOLLOUT}) &&
+                             (events & ~entry.registered) == 0;
+        if (covered) {
+            setAsked(fd, events);
+            return true;
+        }
+        return modify(fd, events);
+    }
     setAsked(fd, events);  // a polled descriptor's events are read from the asked sets
     return true;
 }
@@ -197,6 +210,7 @@ bool InterestSet::enter(int fd, unsigned events) {
         if (rc == -1 && (errno == EBADF || errno == EINVAL) && instanceLost()) return enter(fd, events);
         if (rc == 0) {
             entry.mode = Mode::kernel;
+            entry.registered = events;
             ++kernelCount_;
             setAsked(fd, events);
             return true;
@@ -215,6 +229,7 @@ bool InterestSet::modify(int fd, unsigned events) {
     ev.events = events;
     ev.data.u64 = pack(entry.token, fd);
     if (epoll_ctl(epfd_, EPOLL_CTL_MOD, fd, &ev) == 0) {
+        entry.registered = events;
         setAsked(fd, events);
         return true;
     }
@@ -294,12 +309,16 @@ int InterestSet::wait(Bits& rd, Bits& wr, int timeoutMs) {
     for (;;) {
         bool stale = false;
         ready_.clear();
+        unwanted_.clear();
         int const rc =
             polled_.empty() ? waitKernel(deadline.leftMs(), stale) : waitPolled(deadline.leftMs(), stale);
         if (rc == -1) return -1;
         if (stale) rebuild();
+        bool const wanted = hasWantedEvent();
+        // Only writability nobody asked for: that interest goes, and the wait goes on.
+        if (!wanted && !unwanted_.empty() && dropUnwanted()) stale = true;
         // Only stale events: nothing happened that was asked for; wait on.
-        if (!stale || !ready_.empty() || deadline.leftMs() == 0) return report(rd, wr);
+        if (!stale || wanted || deadline.leftMs() == 0) return report(rd, wr);
     }
 }
 
@@ -357,7 +376,34 @@ void InterestSet::takeKernelEvents(int count, bool& stale) {
             continue;
         }
         ready_.push_back(Ready{fd, ev.events});
+        if ((ev.events & ~unsigned{EPOLLOUT}) == 0 && (askedEvents(fd) & EPOLLOUT) == 0)
+            unwanted_.push_back(fd);
     }
+}
+
+unsigned InterestSet::askedEvents(int fd) const {
+    return (has(askedRd_, fd) ? unsigned{EPOLLIN} : 0u) | (has(askedWr_, fd) ? unsigned{EPOLLOUT} : 0u);
+}
+
+// Takes the write interest off the descriptors reported writable although
+// nobody asked; false when none could be changed.
+bool InterestSet::dropUnwanted() {
+    bool changed = false;
+    for (int fd : unwanted_) {
+        if (static_cast<std::size_t>(fd) < entries_.size() && entries_[fd].mode == Mode::kernel)
+            changed = modify(fd, askedEvents(fd)) || changed;
+    }
+    return changed;
+}
+
+// Whether a ready descriptor was asked for what it is ready for.
+bool InterestSet::hasWantedEvent() const {
+    for (Ready const& r : ready_) {
+        if (((r.events & kReadable) && has(askedRd_, r.fd)) ||
+            ((r.events & kWritable) && has(askedWr_, r.fd)))
+            return true;
+    }
+    return false;
 }
 
 // poll's POLLIN, POLLOUT, POLLHUP and POLLERR have epoll's values.

@@ -59,9 +59,10 @@ private:
     enum class Mode : std::uint8_t { none, kernel, polled };
     struct Entry {
         Mode mode = Mode::none;
-        std::uint32_t token = 0;     // carried by the kernel's events, see above
-        std::uint32_t pollSlot = 0;  // index in polled_ while polled
-        std::uint64_t stamp = 0;     // the record's stamp of the number when it entered
+        std::uint32_t token = 0;       // carried by the kernel's events, see above
+        std::uint32_t pollSlot = 0;    // index in polled_ while polled
+        std::uint32_t registered = 0;  // the events the kernel watches (see change())
+        std::uint64_t stamp = 0;       // the record's stamp of the number when it entered
     };
     struct Ready {
         int fd;
@@ -85,6 +86,9 @@ private:
     int waitKernel(int timeoutMs, bool& stale);
     int waitPolled(int timeoutMs, bool& stale);
     void takeKernelEvents(int count, bool& stale);
+    unsigned askedEvents(int fd) const;
+    bool hasWantedEvent() const;
+    bool dropUnwanted();
     int report(Bits& rd, Bits& wr) const;
 
     int epfd_ = -1;
@@ -100,6 +104,7 @@ private:
     std::vector<epoll_event> events_;
     std::vector<pollfd> pollfds_;
     std::vector<Ready> ready_;
+    std::vector<int> unwanted_;
     std::vector<int> changed_;
 };
 

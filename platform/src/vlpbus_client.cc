@@ -73,15 +73,28 @@ VLPBusClient::~VLPBusClient() {
     disconnectFromServer();
 }
 
+class VLPBusClient::FdRefresh {
+public:
+    explicit FdRefresh(VLPBusClient& client) : client_(client) {}
+    ~FdRefresh() { client_.fd_ = client_.impl_->link ? client_.impl_->link->socket() : -1; }
+    FdRefresh(FdRefresh const&) = delete;
+    FdRefresh& operator=(FdRefresh const&) = delete;
+
+private:
+    VLPBusClient& client_;
+};
+
 void VLPBusClient::setMaxPacketBytes(unsigned bytes) {
     impl_->options.maxPacketBytes = bytes;
 }
 
 void VLPBusClient::setup() {
+    FdRefresh refresh(*this);
     impl_->attempt();
 }
 
 void VLPBusClient::connectToServer() {
+    FdRefresh refresh(*this);
     impl_->attempt();
 }
 
@@ -89,11 +102,8 @@ bool VLPBusClient::isConnected() const {
     return impl_->connected();
 }
 
-int VLPBusClient::fd() const {
-    return impl_->link ? impl_->link->socket() : -1;
-}
-
 bool VLPBusClient::read() {
+    FdRefresh refresh(*this);
     if (!impl_->connected()) return false;
     if (impl_->link->service(maxPacketsPerRead)) return true;
     impl_->link.reset();
@@ -110,6 +120,7 @@ std::unique_ptr<MessageBase> VLPBusClient::getMessage() {
 
 void VLPBusClient::sendTo(std::string const& from, std::string const& to, std::unique_ptr<MessageBase> msg) {
     if (!msg || !impl_->connected()) return;
+    FdRefresh refresh(*this);
     auto wire = VLPBus::toWire(from, *msg);
     if (!wire) return;
     if (!impl_->link->publish(topicOf(to), *wire)) impl_->link.reset();
@@ -117,6 +128,7 @@ void VLPBusClient::sendTo(std::string const& from, std::string const& to, std::u
 
 void VLPBusClient::disconnectFromServer() {
     if (!impl_->link) return;
+    FdRefresh refresh(*this);
     impl_->link->disconnect();
     impl_->link.reset();
 }

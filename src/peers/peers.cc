@@ -1,7 +1,9 @@
 // NXAClient::Peers: a module's peers, keyed by id and visited in id order.
 #include <vlplatform/log_util.h>
 
+#include <algorithm>
 #include <iterator>
+#include <typeinfo>
 
 #include "nxaclient.h"
 #include "trace.h"
@@ -14,6 +16,12 @@ NXAClient::Peers::Peers(Module const& owner, std::initializer_list<Peer*> initia
         // A peer whose id is taken is destroyed here, with its unique_ptr.
         if (peers.find(id) == peers.end()) peers.emplace(std::move(id), std::move(owned));
     }
+    notePeersChanged();
+}
+
+void NXAClient::Peers::notePeersChanged() {
+    onlyRunLogs = std::all_of(peers.begin(), peers.end(),
+                              [](auto const& entry) { return typeid(*entry.second) == typeid(PeerLog); });
 }
 
 NXAClient::Peers::~Peers() = default;
@@ -29,6 +37,7 @@ void NXAClient::Peers::add(int fd) {
     }
     auto peer = std::make_unique<PeerTelnet>(module, id, fd);
     peers.emplace_hint(hint, std::move(id), std::move(peer));
+    onlyRunLogs = false;
 }
 
 void NXAClient::Peers::add(std::string const& id) {
@@ -39,6 +48,7 @@ void NXAClient::Peers::add(std::string const& id) {
         return;
     }
     peers.emplace_hint(hint, id, std::make_unique<PeerVLPBus>(module, id));
+    onlyRunLogs = false;
 }
 
 void NXAClient::Peers::erase(std::string const& id) {
@@ -49,6 +59,7 @@ void NXAClient::Peers::erase(std::string const& id) {
         return;
     }
     peers.erase(it);
+    notePeersChanged();
 }
 
 void NXAClient::Peers::push(unsigned char const* data, unsigned long length) const {
@@ -59,22 +70,26 @@ void NXAClient::Peers::push(unsigned char const* data, unsigned long length) con
 }
 
 void NXAClient::Peers::forward(FdSet const& rd, std::string& in) {
+    if (onlyRunLogs) return;
     for (auto it = peers.begin(); it != peers.end();) {
         // Taken before the visit: the visited peer may be removed.
         auto next = std::next(it);
         if (it->second->forward(rd, in)) {
             NXA_DEBUG(nxa::trace::kPeer, "erasing peer ", it->first);
             peers.erase(it);
+            notePeersChanged();
         }
         it = next;
     }
 }
 
 void NXAClient::Peers::write(FdSet const& wr) const {
+    if (onlyRunLogs) return;
     for (auto const& entry : peers) entry.second->write(wr);
 }
 
 void NXAClient::Peers::addFds(FdSet& rd, FdSet& wr) const {
+    if (onlyRunLogs) return;
     for (auto const& entry : peers) entry.second->addFds(rd, wr);
 }
 

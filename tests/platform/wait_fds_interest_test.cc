@@ -277,6 +277,26 @@ TEST(WaitFdsInterest, WritableOnlyWhileAskedForWriting) {
     rd = setOf(pair.a);
     wr.clear();
     EXPECT_EQ(waitFds(rd, wr, 0), 0) << "no write interest left behind";
+    auto start = std::chrono::steady_clock::now();
+    rd = setOf(pair.a);
+    EXPECT_EQ(waitFds(rd, wr, 300), 0);
+    EXPECT_GE(elapsedMs(start), 290) << "a writable descriptor nobody asked for ended the wait";
+}
+
+TEST(WaitFdsInterest, WriteInterestLeftBehindDoesNotEndABlockingWait) {
+    RecordedPair pair;
+    FdSet rd = setOf(pair.a), wr = setOf(pair.a);
+    EXPECT_EQ(waitFds(rd, wr, 5000), 1);
+    // Asked for reading only now, on a wait with a time-out: it must last.
+    rd = setOf(pair.a);
+    wr.clear();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(waitFds(rd, wr, 300), 0);
+    EXPECT_GE(elapsedMs(start), 290);
+    ASSERT_EQ(write(pair.b, "p", 1), 1);
+    rd = setOf(pair.a);
+    EXPECT_EQ(waitFds(rd, wr, 5000), 1);
+    EXPECT_TRUE(rd.isSet(pair.a));
 }
 
 TEST(WaitFdsInterest, RecordedDescriptorClosedWithoutAWordFailsWithEbadfWhenItEnters) {

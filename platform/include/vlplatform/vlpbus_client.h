@@ -63,8 +63,10 @@ public:
     // Connected: the broker accepted the connection and the subscription, and
     // the connection has not been found lost since.
     bool isConnected() const;
-    // The connection's socket, -1 when not connected.
-    int fd() const;
+    // The connection's socket, -1 when not connected. Asked for every module
+    // on every turn of a host's loop, so it is the number as left by the last
+    // call that could change it.
+    int fd() const { return fd_; }
     // Reads what is ready without blocking (at most maxPacketsPerRead packets),
     // flushes pending output and queues the messages received. Returns false
     // when the connection is lost (the client is then unconnected, fd() -1)
@@ -90,6 +92,10 @@ public:
 
 private:
     struct Impl;
+    // Takes fd_ from the connection when it leaves scope, also by exception.
+    class FdRefresh;
+
     std::string name_;
     std::unique_ptr<Impl> impl_;
+    int fd_ = -1;
 };
