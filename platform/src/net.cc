@@ -1,13 +1,15 @@
-// Socket helpers: addresses, binding, listening and accepting.
+// Socket helpers: addresses, binding, listening, accepting and connecting.
 #include "vlplatform/net.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
+#include "vlplatform/descriptors.h"
 #include "vlplatform/exceptions.h"
 #include "vlplatform/log_util.h"
 
@@ -56,6 +58,19 @@ void bindSocket(int fd, sockaddr_in const& addr, socklen_t len) {
 void listenConnection(int fd, int backlog) {
     if (listen(fd, backlog) == -1) throw IOException(errno, "cannot listen on socket");
     setAsideAcceptReserve();
+}
+
+int connectClient(sockaddr_in const& addr) {
+    int const fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd == -1) return -1;
+    if (connect(fd, reinterpret_cast<sockaddr const*>(&addr), sizeof addr) == -1 && errno != EINPROGRESS) {
+        int const err = errno;
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    noteDescriptorOpened(fd);
+    return fd;
 }
 
 std::ostream& operator<<(std::ostream& os, sockaddr_in const& addr) {

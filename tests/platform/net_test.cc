@@ -326,3 +326,42 @@ TEST(Sockets, OutOfDescriptorsAModestListenerIsStillServedFromTheReserve) {
     EXPECT_EQ(read(served, buf, 2), 2);
     closeDescriptor(served);
 }
+
+TEST(ConnectClient, ReachesAListenerWithoutWaitingAndIsNonBlockingAndCloseOnExec) {
+    Socket server;
+    listenOnLoopback(server);
+    sockaddr_in addr;
+    setInetAddr("127.0.0.1", boundPort(server.fd), addr);
+    int const fd = connectClient(addr);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    Socket client(fd);
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    pollfd writable{fd, POLLOUT, 0};
+    ASSERT_EQ(poll(&writable, 1, 5000), 1);
+    Socket accepted(acceptClient(server.fd, nullptr, nullptr));
+    ASSERT_GE(accepted.fd, 0) << strerror(errno);
+    ASSERT_EQ(write(fd, "hi", 2), 2);
+    char buf[4];
+    pollfd readable{accepted.fd, POLLIN, 0};
+    ASSERT_EQ(poll(&readable, 1, 5000), 1);
+    ASSERT_EQ(read(accepted.fd, buf, sizeof buf), 2);
+    EXPECT_EQ(std::string(buf, 2), "hi");
+}
+
+TEST(ConnectClient, AClosedPortShowsAsRefusedOnRead) {
+    Socket server;
+    listenOnLoopback(server);
+    sockaddr_in addr;
+    setInetAddr("127.0.0.1", boundPort(server.fd), addr);
+    closeDescriptor(server.fd);
+    server.fd = -1;
+    int const fd = connectClient(addr);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    Socket client(fd);
+    pollfd ready{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 5000), 1);
+    char buf[4];
+    EXPECT_EQ(read(fd, buf, sizeof buf), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+}

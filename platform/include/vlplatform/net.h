@@ -46,6 +46,14 @@ inline constexpr unsigned acceptModestListener = 8;
 // listener's count to drop.
 int acceptClient(int fd, sockaddr* addr, socklen_t* len);
 
+// Starts a TCP connection to `addr` and returns its descriptor, or -1 with
+// errno. The socket is non-blocking and close-on-exec, and is recorded as
+// opened (vlplatform/descriptors.h); close it with closeDescriptor. The call
+// never waits: the connection may still be under way when it returns (it is
+// made once the socket is writable; a refusal shows as a failed read or
+// write, ECONNREFUSED).
+int connectClient(sockaddr_in const& addr);
+
 // Makes acceptClient give every connection it accepts from now on TCP
 // keep-alive and TCP_USER_TIMEOUT, so that a client whose machine or network
 // vanished shows as a failed read or write (ETIMEDOUT) within about `seconds`,
