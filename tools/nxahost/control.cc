@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "host_log.h"
-#include "module_ports.h"
+#include "module_status.h"
 
 namespace {
 
@@ -66,42 +66,7 @@ json HostControl::answer(json const& request) {
 }
 
 json HostControl::status() const {
-    json modules = json::array();
-    std::vector<ModulePort> const ports = runningModulePorts(options_.modules, options_.maxModules,
-                                                             options_.port, client_.getModulesInstalled());
-    for (ModulePort const& entry : ports) {
-        if (NXAClient::Module const* module = client_.modules.find(entry.name))
-            modules.push_back(moduleStatus(*module, entry.port));
-    }
-    return json{{"ok", true}, {"modules", modules}};
-}
-
-json HostControl::moduleStatus(NXAClient::Module const& module, unsigned short port) const {
-    ProgramSupervisor::Status const program = supervisor_.status(module.getName());
-    unsigned long long clients = 0, subscribers = 0, bytesOut = 0, chunksLost = 0;
-    for (NXAClient::Module::Consumer const& c : module.getConsumers()) {
-        if (c.kind == "log") bytesOut = c.counters.pushed;
-        if (c.kind == "tcp") ++clients;
-        if (c.kind == "bus") ++subscribers;
-        if (c.kind != "log") chunksLost += c.counters.lostChunks;
-    }
-    json row{{"name", module.getName()},
-             {"port", port},
-             {"state", program.state.empty() ? "running" : program.state},
-             {"pid", program.pid},
-             {"uptime", program.state == "running" ? secondsSince(program.startedAt) : 0.0},
-             {"restarts", program.restarts},
-             {"last_end", program.lastEnd},
-             {"clients", clients},
-             {"subscribers", subscribers},
-             {"bytes_out", bytesOut},
-             {"chunks_lost", chunksLost},
-             {"bus", module.busConnected()}};
-    if (program.restartAt) {
-        row["restart_in"] =
-            std::max(0.0, std::chrono::duration<double>(*program.restartAt - Clock::now()).count());
-    }
-    return row;
+    return statusAnswer(client_, supervisor_, options_);
 }
 
 json HostControl::clients(std::string const& name) const {

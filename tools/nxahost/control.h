@@ -34,7 +34,6 @@ public:
 private:
     nlohmann::json answer(nlohmann::json const& request);
     nlohmann::json status() const;
-    nlohmann::json moduleStatus(NXAClient::Module const& module, unsigned short port) const;
     nlohmann::json clients(std::string const& name) const;
     nlohmann::json kick(std::string const& name, std::string const& id);
     nlohmann::json restart(std::string const& name);
