@@ -32,7 +32,10 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION "module host library: development files\n He
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME nxahost)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libnxaclient0 (= ${nxa_version}), mosquitto")
+# The browser console loads the GLib event library of libwebsockets at run time
+# and serves the terminal library of node-xterm and libjs-xterm.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "libnxaclient0 (= ${nxa_version}), mosquitto, libwebsockets-evlib-glib, node-xterm, libjs-xterm")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "mosquitto-clients")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "make, g++, gcc, zip, unzip")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "module host: the nxahost service and its tools\n nxahost runs the device's modules, nxactl operates it, nxapack and\n nxabuild make module packages. With systemd units for the host and its\n bus broker.")

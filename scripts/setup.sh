@@ -12,6 +12,11 @@ packages=(
     iproute2 util-linux procps
     man-db groff-base
     clang clang-format
+    # The host's browser console: libwebsockets on GLib's main loop, the
+    # terminal library xterm.js.
+    libwebsockets-dev libglib2.0-dev libwebsockets-evlib-glib node-xterm libjs-xterm
+    # The browser console's tests: a WebSocket client, a real browser.
+    python3 python3-websockets chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -11,6 +11,7 @@
 #include "host_log.h"
 #include "module_groups.h"
 #include "module_ports.h"
+#include "module_status.h"
 #include "package_check.h"
 
 namespace {
@@ -37,11 +38,8 @@ Host::Host(HostOptions options)
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName),
       supervisor_(client_, options_.restart, hostPid_),
-      control_(client_, supervisor_, bus_, options_, [this](std::string const& module) {
-          bool known = false;
-          asHostOnly([&] { known = supervisor_.restartNow(module, Clock::now()); });
-          return known;
-      }) {
+      control_(client_, supervisor_, bus_, options_,
+               [this](std::string const& module) { return restartModule(module); }) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);
@@ -54,6 +52,7 @@ Host::Host(HostOptions options)
 
 int Host::run() {
     requireFreePorts(options_.modules, options_.maxModules, options_.port);
+    startWebConsole();
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
@@ -62,6 +61,35 @@ int Host::run() {
     hostLog(kHostInfo, "stopping");
     stopModules();
     return 0;
+}
+
+// The console is set up before the modules, so that a console that cannot
+// listen stops the host before any program starts.
+void Host::startWebConsole() {
+    if (options_.webAddress.empty()) return;
+    WebConsoleHooks hooks;
+    hooks.status = [this] { return statusAnswer(client_, supervisor_, options_); };
+    hooks.restart = [this](std::string const& module) { return restartModule(module); };
+    hooks.port = [this](std::string const& module) { return modulePort(module); };
+    web_ = std::make_unique<WebConsole>(
+        WebConsoleSetup{options_.webAddress, options_.webPort, options_.webRoot, options_.debug},
+        std::move(hooks));
+    hostLog(kHostInfo, "browser console on http://", options_.webAddress, ":", options_.webPort, "/");
+}
+
+// The program is started as the host does it: a forked copy must not come back.
+bool Host::restartModule(std::string const& name) {
+    bool known = false;
+    asHostOnly([&] { known = supervisor_.restartNow(name, Clock::now()); });
+    return known;
+}
+
+int Host::modulePort(std::string const& name) {
+    for (ModulePort const& m : runningModulePorts(options_.modules, options_.maxModules, options_.port,
+                                                  client_.getModulesInstalled())) {
+        if (m.name == name) return m.port;
+    }
+    return -1;
 }
 
 void Host::startModules() {

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "program_supervisor.h"
 #include "serve_failures.h"
 #include "service_notify.h"
+#include "web_console.h"
 
 // Owns the library's facade and runs its loop until INT or TERM. Exceptions of
 // configuring and starting the modules leave run() (the caller reports them and
@@ -51,6 +53,9 @@ private:
     void reactToSignals();
     void printRunLog();
     std::string statusText() const;
+    bool restartModule(std::string const& name);
+    void startWebConsole();
+    int modulePort(std::string const& name);
 
     // host_turn.cc: one turn of the loop.
     void turn();
@@ -58,6 +63,7 @@ private:
     int waitTimeoutMs(Clock::time_point now) const;
     void serveModules();
     void serveOwnBus();
+    void serveWebConsole();
     void keepOwnBusConnected(Clock::time_point now);
     void keepModuleBusesConnected(Clock::time_point now);
     void reportRefusedConnections(Clock::time_point now);
@@ -70,6 +76,8 @@ private:
     ProgramSupervisor supervisor_;
     HostControl control_;
     ServiceNotifier notifier_;
+    // The browser console; null when it is off.
+    std::unique_ptr<WebConsole> web_;
     FdSet rd_;
     FdSet wr_;
     bool stopping_ = false;

@@ -20,6 +20,7 @@ constexpr std::chrono::seconds kRefusalReportEvery{1};
 void Host::turn() {
     if (!waitForEvents()) return;
     serveModules();
+    serveWebConsole();
     serveOwnBus();
     auto const now = Clock::now();
     keepOwnBusConnected(now);
@@ -40,8 +41,14 @@ bool Host::waitForEvents() {
     client_.addFds(rd_, wr_);
     rd_.add(signals_.fd());
     rd_.add(bus_.fd());
-    if (waitFds(rd_, wr_, waitTimeoutMs(Clock::now())) >= 0) return true;
+    int timeout = waitTimeoutMs(Clock::now());
+    if (web_) timeout = web_->addFds(rd_, wr_, timeout);
+    if (waitFds(rd_, wr_, timeout) >= 0) return true;
     if (errno == EINTR) {
+        // The console's turn ends with nothing ready.
+        rd_.clear();
+        wr_.clear();
+        serveWebConsole();
         reactToSignals();
         return false;
     }
@@ -72,6 +79,17 @@ void Host::serveModules() {
         failures_.served(Clock::now());
     } catch (std::exception const& e) {
         // The error that ends the host leaves run() and is reported by the caller.
+        if (failures_.failed(e, Clock::now())) throw;
+    }
+}
+
+// The console's errors stay with the connection they came from (see
+// WebConsole); what escapes is counted like the modules' errors.
+void Host::serveWebConsole() {
+    if (!web_) return;
+    try {
+        web_->serve(rd_, wr_);
+    } catch (std::exception const& e) {
         if (failures_.failed(e, Clock::now())) throw;
     }
 }

@@ -1,6 +1,8 @@
 #include "options.h"
 
+#include <arpa/inet.h>
 #include <getopt.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -29,6 +31,10 @@ constexpr char kUsage[] =
     "                      seconds (default 60)\n"
     "  --unpack-budget MIB most a module archive may unpack to; more is refused (default 256,\n"
     "                      and never more than half the free space of the disk)\n"
+    "  --web ADDRESS:PORT  serve the browser console on this IPv4 address and port, or\n"
+    "                      off (default 127.0.0.1:20080); it has no authentication\n"
+    "  --web-root DIR      the browser console's pages and scripts (default share/nxa/web\n"
+    "                      of the installation, /usr/share/nxa/web for /usr/bin/nxahost)\n"
     "  --help              show this text and exit\n"
     "\n"
     "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP checks the\n"
@@ -47,6 +53,8 @@ enum Option {
     kRestart,
     kClientTimeout,
     kUnpackBudget,
+    kWeb,
+    kWebRoot,
     kHelp
 };
 
@@ -61,6 +69,8 @@ option const kOptions[] = {
     {"restart", required_argument, nullptr, kRestart},
     {"client-timeout", required_argument, nullptr, kClientTimeout},
     {"unpack-budget", required_argument, nullptr, kUnpackBudget},
+    {"web", required_argument, nullptr, kWeb},
+    {"web-root", required_argument, nullptr, kWebRoot},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -85,6 +95,24 @@ bool parseRestart(std::string const& text, RestartPolicy& policy) {
         policy = RestartPolicy::never;
     else
         return false;
+    return true;
+}
+
+// "off", or ADDRESS:PORT with a dotted IPv4 address and a port from 1 to 65535.
+bool parseWeb(std::string const& text, HostOptions& options) {
+    if (text == "off") {
+        options.webAddress.clear();
+        return true;
+    }
+    std::size_t const colon = text.rfind(':');
+    if (colon == std::string::npos) return false;
+    std::string const address = text.substr(0, colon);
+    in_addr parsed{};
+    unsigned long port = 0;
+    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) return false;
+    if (!parseNumber(text.c_str() + colon + 1, 1, 65535, port)) return false;
+    options.webAddress = address;
+    options.webPort = static_cast<unsigned short>(port);
     return true;
 }
 
@@ -155,6 +183,14 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
                        "'";
             options.unpackBudgetMiB = number;
             break;
+        case kWeb:
+            if (!parseWeb(value, options))
+                return "--web needs ADDRESS:PORT (an IPv4 address, a port from 1 to 65535) or off, not '" +
+                       std::string(value) + "'";
+            break;
+        case kWebRoot:
+            options.webRoot = value;
+            break;
         case kDebug:
             if (!parseNumber(value, 0, UINT_MAX, number))
                 return "--debug needs a whole number, not '" + std::string(value) + "'";
@@ -167,6 +203,16 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
 }
 
 }  // namespace
+
+std::string installedWebRoot() {
+    char exe[PATH_MAX];
+    ssize_t const length = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string path(exe, length > 0 ? static_cast<std::size_t>(length) : 0);
+    // <prefix>/bin/nxahost: drop the program's name and its folder.
+    for (int i = 0; i < 2 && path.rfind('/') != std::string::npos; ++i) path.erase(path.rfind('/'));
+    if (path.empty()) path = "/usr";
+    return path + "/" NXA_WEB_DATADIR;
+}
 
 ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     ParsedCommandLine result;
@@ -191,6 +237,7 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     }
     if (result.options.modules.empty()) return usageError("no module named");
     if (result.options.busName.empty()) return usageError("--bus-name must not be empty");
+    if (result.options.webRoot.empty()) result.options.webRoot = installedWebRoot();
     result.run = true;
     return result;
 }

@@ -18,6 +18,12 @@ struct HostOptions {
     unsigned clientTimeout = 60;
     unsigned long long unpackBudgetMiB = 0;  // 0: the platform's default
     std::vector<std::string> modules;
+    // The browser console listens on webAddress:webPort; an empty address
+    // turns it off. Its pages, scripts and style sheets are read from webRoot
+    // (parseCommandLine fills in installedWebRoot() unless told otherwise).
+    std::string webAddress = "127.0.0.1";
+    unsigned short webPort = 20080;
+    std::string webRoot;
 };
 
 // The outcome of reading the command line: run with the options, or end at once
@@ -31,3 +37,7 @@ struct ParsedCommandLine {
 };
 
 ParsedCommandLine parseCommandLine(int argc, char* const argv[]);
+
+// The browser console's files of the installation this program belongs to:
+// <prefix>/share/nxa/web for the program <prefix>/bin/nxahost.
+std::string installedWebRoot();
