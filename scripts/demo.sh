@@ -50,11 +50,12 @@ cat <<'TXT'
        -D publish user-property vlp-sender viewer -D publish user-property vlp-type system \
        -D publish user-property vlp-kind 4
    build/tools/nxactl/nxactl status        # the modules, their programs and clients (nxactl --help)
+   open http://127.0.0.1:20080/ in a browser on this machine: the status page and each module's terminal
    pkill -USR1 nxahost                     # print the run log
    Ctrl-C here stops the host.
 TXT
 
-host=(build/tools/nxahost/nxahost clock echo greeter)
+host=(build/tools/nxahost/nxahost --web-root share/nxa/web clock echo greeter)
 if [ -n "$seconds" ]; then
     "${host[@]}" &
     host_pid=$!
