@@ -56,6 +56,9 @@ int Host::run() {
     client_.modules.configure(options_.modules);
     startModules();
     reportModules();
+    // Said once the modules run, after their ports: it is no module's.
+    if (web_)
+        hostLog(kHostInfo, "browser console on http://", options_.webAddress, ":", options_.webPort, "/");
     notifier_.ready(statusText());
     while (!stopping_) turn();
     hostLog(kHostInfo, "stopping");
@@ -74,7 +77,6 @@ void Host::startWebConsole() {
     web_ = std::make_unique<WebConsole>(
         WebConsoleSetup{options_.webAddress, options_.webPort, options_.webRoot, options_.debug},
         std::move(hooks));
-    hostLog(kHostInfo, "browser console on http://", options_.webAddress, ":", options_.webPort, "/");
 }
 
 // The program is started as the host does it: a forked copy must not come back.
