@@ -8,6 +8,7 @@ import os
 import re
 import socket
 import subprocess
+import tempfile
 import time
 import unittest
 
@@ -140,6 +141,38 @@ class WebStatus(unittest.TestCase):
         code, _ = http("/status.json", headers={"Host": "localhost:20080"})
         self.assertEqual(code, 200)
         self.assertEqual(status()["modules"][1]["restarts"], 0)
+
+
+class SlowBrowser(unittest.TestCase):
+    def test_a_terminal_that_never_reads_costs_a_bounded_buffer_and_loses_the_oldest_output(self):
+        folders = [webhost.write_module(tempfile.mkdtemp(), "flood", "exec yes 'a line of output to flood with'")]
+        webhost.install_package(folders)
+        self.host = webhost.Host(["flood"])
+        self.addCleanup(self.host.stop)
+        self.host.wait_running(["flood"])
+        rss = self.host.rss_kib()
+        stuck = socket.create_connection(("127.0.0.1", 20080), timeout=10)
+        self.addCleanup(stuck.close)
+        stuck.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        stuck.sendall(b"GET /module/flood/terminal HTTP/1.1\r\nHost: 127.0.0.1:20080\r\nUpgrade: websocket\r\n"
+                      b"Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                      b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Protocol: nxa-terminal\r\n\r\n")
+        # It reads nothing from now on; the relay must fill up and the module drop for it.
+        def relay_lost():
+            tcp = [c for c in webhost.ctl_json("clients", "flood") if c["kind"] == "tcp"]
+            return tcp and tcp[0]["lost_chunks"] > 100
+        self.assertTrue(webhost.wait_until(relay_lost), webhost.ctl_json("clients", "flood"))
+
+        async def reader():
+            term = await Terminal("flood").open()
+            mark = len(term.received)
+            self.assertTrue(await term.read_until(b"a line of output", after=mark + 65536))
+            await term.close()
+        run(reader())
+        started = time.monotonic()
+        self.assertEqual(http("/status.json")[0], 200)
+        self.assertLess(time.monotonic() - started, 2.0)
+        self.assertLess(self.host.rss_kib(), rss + 32 * 1024)
 
 
 class WebTerminals(unittest.TestCase):
