@@ -34,11 +34,15 @@ std::string manifestText(std::string const& name, std::string const& arch) {
 
 std::string makeModuleZip(std::string const& staging, std::string const& name, std::string const& arch,
                           std::string const& greeting) {
+    return makeModuleZipRunning(staging, name, arch, "printf '%s' '" + greeting + "'\nexec sleep 1000");
+}
+
+std::string makeModuleZipRunning(std::string const& staging, std::string const& name, std::string const& arch,
+                                 std::string const& body) {
     std::string const dir = staging + "/" + name;
     mkdir(dir.c_str(), 0755);
     if (!arch.empty()) nxatest::writeFile(dir + "/Manifest", manifestText(name, arch));
-    nxatest::writeFile(dir + "/" + name, "#!/bin/sh\nprintf '%s' '" + greeting + "'\nexec sleep 1000\n",
-                       0755);
+    nxatest::writeFile(dir + "/" + name, "#!/bin/sh\n" + body + "\n", 0755);
     std::string const archive = staging + "/" + name + ".zip";
     nxatest::ShellResult r =
         nxatest::shell("cd '" + dir + "' && rm -f '" + archive + "' && zip -q -r '" + archive + "' .");

@@ -29,6 +29,10 @@ std::string manifestText(std::string const& name, std::string const& arch);
 std::string makeModuleZip(std::string const& staging, std::string const& name, std::string const& arch,
                           std::string const& greeting = "");
 
+// The same with a program made of the /bin/sh script `body`.
+std::string makeModuleZipRunning(std::string const& staging, std::string const& name, std::string const& arch,
+                                 std::string const& body);
+
 // Zips the given files of `staging` (names relative to it) into `package`,
 // replacing it. Fails the test when zip fails.
 void makePackage(std::string const& staging, std::string const& package,

@@ -3,7 +3,10 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <cerrno>
+#include <csignal>
 #include <fstream>
 
 #include "package_builder.h"
@@ -53,6 +56,14 @@ bool processAlive(pid_t pid) {
     std::string::size_type close = rest.rfind(')');
     if (close == std::string::npos || close + 2 >= rest.size()) return false;
     return rest[close + 2] != 'Z';
+}
+
+bool gone(pid_t pid) {
+    errno = 0;
+    bool const noProcess = ::kill(pid, 0) == -1 && errno == ESRCH;
+    errno = 0;
+    bool const nothingToReap = ::waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
+    return noProcess && nothingToReap;
 }
 
 void RegistryTest::SetUp() {

@@ -34,6 +34,9 @@ bool pollUntil(NXAClient::Modules const& modules, std::function<bool()> const& c
 
 // Whether `pid` is still a process (zombies count as gone).
 bool processAlive(pid_t pid);
+// Whether `pid` is gone for good: no such process, not even one left to reap
+// (its parent, this process, has reaped it).
+bool gone(pid_t pid);
 
 // A test at trace level 0 with the sandbox required; restores level 0 after.
 class RegistryTest : public ::testing::Test {

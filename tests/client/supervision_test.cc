@@ -11,6 +11,7 @@
 
 namespace {
 
+using nxaclienttest::gone;
 using nxaclienttest::installModule;
 using nxaclienttest::processAlive;
 
@@ -109,6 +110,69 @@ TEST_F(Supervision, StopEndsEveryChildAndEmptiesTheList) {
     EXPECT_FALSE(processAlive(b));
     EXPECT_TRUE(NXATestAccess::proc(modules).children().empty());
     modules.run();  // nothing left: no exception
+}
+
+TEST_F(Supervision, ConfiguringAnEmptyListEndsEveryChildAndLeavesNoModule) {
+    configure({"a"});
+    {
+        nxatest::Capture quiet;
+        modules.run();
+    }
+    pid_t const a = childOf(0);
+    ASSERT_GT(a, 0);
+    NXAClient::debug = 1;
+    nxatest::Capture out;
+    modules.configure({});
+    EXPECT_TRUE(modules.getModuleNames().empty());
+    EXPECT_TRUE(gone(a));
+    EXPECT_TRUE(NXATestAccess::proc(modules).children().empty());
+    std::string const self = pid(), child = std::to_string(a);
+    EXPECT_EQ(out.text(),
+              "[DEBUG] NXAModules::configure() #modulenames=0\n"
+              "[DEBUG] NXAModules::stop() pid=" +
+                  self +
+                  "\n"
+                  "[DEBUG] NXAModule::~Module() pid=" +
+                  child + " getpid=" + self +
+                  "\n"
+                  "[DEBUG] NXAModule::stop() pid=" +
+                  self +
+                  "\n"
+                  "[DEBUG] NXAModule::stop() pid=-1 done\n"
+                  "[DEBUG] NXAModule::~Module() pid=-1 getpid=" +
+                  self +
+                  " done\n"
+                  "[DEBUG] NXAModules::stop() pid=" +
+                  self +
+                  " done\n"
+                  "[DEBUG] NXAModules::configure() #modules=0 done\n");
+}
+
+TEST_F(Supervision, ConfiguringAgainEndsTheRunningChildrenAndMakesTheNewModules) {
+    configure({"a", "b"});
+    installModule("c", "noarch");
+    installModule("d", "noarch");
+    nxatest::Capture out;
+    modules.run();
+    pid_t const a = childOf(0), b = childOf(1);
+    ASSERT_GT(a, 0);
+    ASSERT_GT(b, 0);
+
+    modules.configure({"c", "d"});
+    EXPECT_TRUE(gone(a));
+    EXPECT_TRUE(gone(b));
+    EXPECT_EQ(modules.getModuleNames(), (std::vector<std::string>{"c", "d"}));
+    EXPECT_EQ(nxaclienttest::boundPort(module(0)), 21000);
+    EXPECT_EQ(nxaclienttest::boundPort(module(1)), 21001);
+    EXPECT_EQ(childOf(0), -1);
+    EXPECT_EQ(childOf(1), -1);
+    EXPECT_TRUE(NXATestAccess::proc(modules).children().empty());
+    EXPECT_EQ(out.text(), std::string(nxaclienttest::kConnected) + nxaclienttest::kConnected);
+
+    modules.run();  // nothing of the first configuration is left running
+    EXPECT_TRUE(processAlive(childOf(0)));
+    EXPECT_TRUE(processAlive(childOf(1)));
+    EXPECT_EQ(NXATestAccess::proc(modules).children(), (std::set<int>{childOf(0), childOf(1)}));
 }
 
 TEST_F(Supervision, DestroyingTheRegistryStopsTheChildren) {

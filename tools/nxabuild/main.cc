@@ -5,6 +5,7 @@
 #include <iostream>
 #include <string>
 
+#include "nxa_constants.h"
 #include "nxaclient.h"
 #include "options.h"
 
@@ -12,10 +13,10 @@ namespace {
 
 // The fixed configuration of the device; only the workspace and the trace
 // level come from the command line.
-constexpr char kPackageDir[] = "/var/opt/velmora";
-constexpr char kModulesDir[] = "/var/opt/velmora/nxa";
-constexpr unsigned short kFirstPort = 20100;
-constexpr char kDataDir[] = "/opt/velmora/share/nxa";
+using nxatools::kDataDir;
+using nxatools::kFirstModulePort;
+using nxatools::kModulesDir;
+using nxatools::kPackageDir;
 
 // Runs the command; returns the line that says what came of it.
 std::string perform(NXAClient& client, BuildOptions const& o, std::string& log) {
@@ -52,7 +53,7 @@ int main(int argc, char* argv[]) {
     BuildOptions const& o = parsed.options;
     std::string log;
     try {
-        NXAClient client(kPackageDir, kModulesDir, o.workDir.c_str(), 0, kFirstPort, 0, "", o.debug);
+        NXAClient client(kPackageDir, kModulesDir, o.workDir.c_str(), 0, kFirstModulePort, 0, "", o.debug);
         std::string const done = perform(client, o, log);
         printLog(log);
         std::cout << done << std::endl;

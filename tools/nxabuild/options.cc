@@ -85,19 +85,26 @@ std::string finish(BuildOptions& o) {
 }  // namespace
 
 std::string buildUsage() {
+    std::string const dataDir = nxatools::kDataDir;
     return "usage: nxabuild [--work-dir DIR] [--debug N] build SRC.zip [--force]\n"
            "       nxabuild [--work-dir DIR] [--debug N] sources DEST.zip\n"
            "       nxabuild [--work-dir DIR] [--debug N] link NAME\n"
            "       nxabuild --help\n"
            "\n"
            "  build    unpack the module sources SRC.zip into DIR/src, build them with\n"
-           "           /opt/velmora/share/nxa/Makefile and write the development package\n"
+           "           " +
+           dataDir +
+           "/Makefile and write the development package\n"
            "           /tmp/nxadevel.zip (--force: say that the build was forced; every\n"
            "           build starts from scratch anyway)\n"
            "  sources  zip the *.h *.hh *.c *.cc files of DIR/src into DEST.zip\n"
-           "  link     make DIR/src/NAME a link to /opt/velmora/share/nxa/NAME\n"
+           "  link     make DIR/src/NAME a link to " +
+           dataDir +
+           "/NAME\n"
            "\n"
-           "  --work-dir DIR  the build workspace (default /var/opt/velmora/work)\n"
+           "  --work-dir DIR  the build workspace (default " +
+           nxatools::kWorkDir +
+           ")\n"
            "  --debug N       trace level (0: INFO lines only; 1 and 2: more)\n"
            "\n"
            "SRC, DEST and DIR are passed to the shell unquoted, so they must be plain\n"

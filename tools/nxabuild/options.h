@@ -3,13 +3,15 @@
 
 #include <string>
 
+#include "nxa_constants.h"
+
 // What to do and with which arguments. Paths are absolute once parsed: the
 // library runs its commands in the workspace's source directory.
 struct BuildOptions {
     enum class Command { Help, Build, Sources, Link };
 
     Command command = Command::Help;
-    std::string workDir = "/var/opt/velmora/work";
+    std::string workDir = nxatools::kWorkDir;
     unsigned debug = 0;
     // SRC.zip for build, DEST.zip for sources, NAME for link.
     std::string argument;

@@ -10,11 +10,13 @@
 #include <stdexcept>
 #include <thread>
 
+#include "nxa_constants.h"
+
 namespace {
 
 using json = nlohmann::json;
 
-constexpr unsigned short kBrokerPort = 20010;
+using nxatools::kBusPort;
 // Pause between two connection attempts the broker refused at once.
 constexpr std::chrono::milliseconds kConnectPause{100};
 
@@ -34,14 +36,14 @@ std::string freshRequestId() {
 }  // namespace
 
 ControlSession::ControlSession(CtlOptions const& options)
-    : options_(options), deadline_(Clock::now() + options.timeout), bus_("", kBrokerPort, ownBusName()) {}
+    : options_(options), deadline_(Clock::now() + options.timeout), bus_("", kBusPort, ownBusName()) {}
 
 void ControlSession::connect() {
     bus_.setup();
     while (!bus_.isConnected()) {
         if (Clock::now() + kConnectPause >= deadline_) {
-            throw std::runtime_error("cannot reach the bus broker on 127.0.0.1:" +
-                                     std::to_string(kBrokerPort) + " within " + options_.timeoutText + " s");
+            throw std::runtime_error("cannot reach the bus broker on 127.0.0.1:" + std::to_string(kBusPort) +
+                                     " within " + options_.timeoutText + " s");
         }
         std::this_thread::sleep_for(kConnectPause);
         bus_.connectToServer();

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "control_session.h"
+#include "nxa_constants.h"
 #include "stop_signals.h"
 
 namespace {
@@ -81,7 +82,7 @@ int follow(CtlOptions const& options) {
     session.connect();
     requireModule(requireOk(session.ask({{"command", "status"}})), module);
     if (signals.take()) return 0;
-    std::string const moduleBus = "NXAModule_" + module;
+    std::string const moduleBus = nxatools::moduleBusName(module);
     session.send(moduleBus, kOutputControl, "71-NXAStartOutput");
     relay(session.bus(), moduleBus, signals);
     session.send(moduleBus, kOutputControl, "72-NXAStopOutput");

@@ -7,6 +7,8 @@
 #include <map>
 #include <sstream>
 
+#include "nxa_constants.h"
+
 namespace {
 
 constexpr char kUsage[] =
@@ -30,8 +32,12 @@ constexpr char kUsage[] =
     "  --help             show this text and exit\n"
     "\n"
     "Exit status: 0 done; 1 the broker or the host did not answer in time, or the host\n"
-    "refused the request; 2 bad usage.\n"
-    "The bus broker is expected on 127.0.0.1:20010.\n";
+    "refused the request; 2 bad usage.\n";
+
+// The help text: kUsage and where the broker is expected.
+std::string usage() {
+    return kUsage + ("The bus broker is expected on 127.0.0.1:" + std::to_string(nxatools::kBusPort) + ".\n");
+}
 
 constexpr char kUsageHint[] =
     "usage: nxactl [--json] [--bus-name NAME] [--timeout SECONDS] status | clients MODULE |\n"
@@ -105,7 +111,7 @@ bool readOptions(int argc, char* const argv[], CtlCommandLine& result) {
                 break;
             case kHelp:
             case 'h':
-                result.message = kUsage;
+                result.message = usage();
                 return false;
             case ':':
                 result = usageError("option " + refusedOption(argv) + " wants a value");

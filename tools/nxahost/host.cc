@@ -7,16 +7,20 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "host_log.h"
 #include "module_groups.h"
 #include "module_ports.h"
 #include "module_status.h"
+#include "nxa_constants.h"
 #include "package_check.h"
 
 namespace {
 
-constexpr unsigned short kBusPort = 20010;
+using nxatools::kBusPort;
+// The tools name the package file the library installs.
+static_assert(std::string_view(nxatools::kPackageFile) == NXAClient::NXA_ZIP);
 // How long a reload waits for the stopped module programs' groups to go.
 constexpr std::chrono::milliseconds kGroupsGoneLimit{3000};
 // Room for the topic and properties besides a message's text.
@@ -172,7 +176,8 @@ void Host::reload() {
 
 std::string Host::reloadProblem() {
     if (!bus_.isConnected()) bus_.connectToServer();
-    if (!bus_.isConnected()) return "the bus broker on 127.0.0.1:20010 does not answer";
+    if (!bus_.isConnected())
+        return "the bus broker on 127.0.0.1:" + std::to_string(kBusPort) + " does not answer";
     std::size_t const count = std::min<std::size_t>(options_.modules.size(), options_.maxModules);
     std::vector<std::string> const modules(options_.modules.begin(), options_.modules.begin() + count);
     return checkPackage(options_.packageDir + "/" + NXAClient::NXA_ZIP, modules,

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "nxa_constants.h"
+
 namespace {
 
 // Binds a probe socket the way a module binds its own; 0 or an error number.
@@ -34,7 +36,7 @@ std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& confi
     std::size_t next = 0;
     for (std::size_t k = 0; k < configured.size() && k < maxModules && next < installed.size(); ++k) {
         if (configured[k] != installed[next]) continue;
-        running.push_back({installed[next], static_cast<unsigned short>((firstPort + k) % 65536)});
+        running.push_back({installed[next], nxatools::modulePort(firstPort, k)});
         ++next;
     }
     return running;
@@ -43,7 +45,7 @@ std::vector<ModulePort> runningModulePorts(std::vector<std::string> const& confi
 void requireFreePorts(std::vector<std::string> const& configured, unsigned long maxModules,
                       unsigned short firstPort) {
     for (std::size_t k = 0; k < configured.size() && k < maxModules; ++k) {
-        auto const port = static_cast<unsigned short>((firstPort + k) % 65536);
+        unsigned short const port = nxatools::modulePort(firstPort, k);
         if (port == 0) continue;
         if (int const err = probePort(port)) {
             throw std::runtime_error("port " + std::to_string(port) + " for module " + configured[k] +

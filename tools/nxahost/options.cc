@@ -10,37 +10,46 @@
 
 namespace {
 
-constexpr char kUsage[] =
-    "usage: nxahost [OPTION]... MODULE...\n"
-    "Installs the module package, runs each named module's program on a pseudo-terminal and\n"
-    "serves its output to TCP clients, bus subscribers and the run log until stopped.\n"
-    "\n"
-    "  --package-dir DIR   directory holding the package nxa.zip (default /var/opt/velmora)\n"
-    "  --modules-dir DIR   directory the modules are installed into and checked in\n"
-    "                      (default /var/opt/velmora/nxa; programs always start from there)\n"
-    "  --work-dir DIR      build workspace (default /var/opt/velmora/work)\n"
-    "  --port N            TCP port of the first module; module k listens on N+k (default 20100)\n"
-    "  --max-modules N     most modules to run; further names are skipped (default 16)\n"
-    "  --debug N           trace level: 0 normal, 1 debug lines, 2 per-chunk detail (default 0)\n"
-    "  --bus-name NAME     the host's own bus name; kind-34 text sent to it goes to every module\n"
-    "                      (default NXAHost)\n"
-    "  --restart WHEN      start a module program that ended again: on-failure (a non-zero exit\n"
-    "                      status or a signal), always or never (default on-failure); the delay\n"
-    "                      starts at 1 s and doubles up to 60 s\n"
-    "  --client-timeout S  drop a TCP client whose machine or network vanished after about S\n"
-    "                      seconds (default 60)\n"
-    "  --unpack-budget MIB most a module archive may unpack to; more is refused (default 256,\n"
-    "                      and never more than half the free space of the disk)\n"
-    "  --web ADDRESS:PORT  serve the browser console on this IPv4 address and port, or\n"
-    "                      off (default 127.0.0.1:20080); it has no authentication\n"
-    "  --web-root DIR      the browser console's pages and scripts (default share/nxa/web\n"
-    "                      of the installation, /usr/share/nxa/web for /usr/bin/nxahost)\n"
-    "  --help              show this text and exit\n"
-    "\n"
-    "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP checks the\n"
-    "package and the broker and, when both are fine, stops, reinstalls the package and starts\n"
-    "the modules again.\n"
-    "The bus broker is expected on 127.0.0.1:20010.\n";
+// The help text; the defaults it names are the tools' constants.
+std::string usage() {
+    namespace c = nxatools;
+    std::string text =
+        "usage: nxahost [OPTION]... MODULE...\n"
+        "Installs the module package, runs each named module's program on a pseudo-terminal and\n"
+        "serves its output to TCP clients, bus subscribers and the run log until stopped.\n"
+        "\n";
+    text += std::string("  --package-dir DIR   directory holding the package ") + c::kPackageFile +
+            " (default " + c::kPackageDir + ")\n";
+    text += "  --modules-dir DIR   directory the modules are installed into and checked in\n";
+    text += std::string("                      (default ") + c::kModulesDir +
+            "; programs always start from there)\n";
+    text += std::string("  --work-dir DIR      build workspace (default ") + c::kWorkDir + ")\n";
+    text += "  --port N            TCP port of the first module; module k listens on N+k (default " +
+            std::to_string(c::kFirstModulePort) + ")\n";
+    text +=
+        "  --max-modules N     most modules to run; further names are skipped (default 16)\n"
+        "  --debug N           trace level: 0 normal, 1 debug lines, 2 per-chunk detail (default 0)\n"
+        "  --bus-name NAME     the host's own bus name; kind-34 text sent to it goes to every module\n"
+        "                      (default NXAHost)\n"
+        "  --restart WHEN      start a module program that ended again: on-failure (a non-zero exit\n"
+        "                      status or a signal), always or never (default on-failure); the delay\n"
+        "                      starts at 1 s and doubles up to 60 s\n"
+        "  --client-timeout S  drop a TCP client whose machine or network vanished after about S\n"
+        "                      seconds (default 60)\n"
+        "  --unpack-budget MIB most a module archive may unpack to; more is refused (default 256,\n"
+        "                      and never more than half the free space of the disk)\n"
+        "  --web ADDRESS:PORT  serve the browser console on this IPv4 address and port, or\n"
+        "                      off (default 127.0.0.1:20080); it has no authentication\n"
+        "  --web-root DIR      the browser console's pages and scripts (default share/nxa/web\n"
+        "                      of the installation, /usr/share/nxa/web for /usr/bin/nxahost)\n"
+        "  --help              show this text and exit\n"
+        "\n"
+        "Signals: INT and TERM stop the modules and exit 0; USR1 prints the run log; HUP checks the\n"
+        "package and the broker and, when both are fine, stops, reinstalls the package and starts\n"
+        "the modules again.\n";
+    text += "The bus broker is expected on 127.0.0.1:" + std::to_string(c::kBusPort) + ".\n";
+    return text;
+}
 
 enum Option {
     kPackageDir = 1,
@@ -221,7 +230,7 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     int option;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
         if (option == kHelp) {
-            result.message = kUsage;
+            result.message = usage();
             return result;
         }
         if (option == ':') return usageError(std::string("option '") + argv[optind - 1] + "' needs a value");

@@ -4,13 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "nxa_constants.h"
 #include "program_supervisor.h"
 
 struct HostOptions {
-    std::string packageDir = "/var/opt/velmora";
-    std::string modulesDir = "/var/opt/velmora/nxa";
-    std::string workDir = "/var/opt/velmora/work";
-    unsigned short port = 20100;
+    std::string packageDir = nxatools::kPackageDir;
+    std::string modulesDir = nxatools::kModulesDir;
+    std::string workDir = nxatools::kWorkDir;
+    unsigned short port = nxatools::kFirstModulePort;
     unsigned long maxModules = 16;
     unsigned debug = 0;
     std::string busName = "NXAHost";

@@ -15,14 +15,20 @@
 #include <vector>
 
 #include "module_source.h"
+#include "nxa_constants.h"
 
 namespace {
 
-constexpr char kUsage[] =
-    "usage: nxapack OUT.zip MODULE_DIR_OR_ZIP...\n"
-    "Packs modules into the package the host installs (nxa.zip). Each module is a folder named\n"
-    "like the module, holding its Manifest and its program (also named like the module), or a\n"
-    "zip of such a folder (a development package from nxabuild is one).\n";
+// The help text, naming the package file the host installs.
+std::string usage() {
+    return std::string(
+               "usage: nxapack OUT.zip MODULE_DIR_OR_ZIP...\n"
+               "Packs modules into the package the host installs (") +
+           nxatools::kPackageFile +
+           "). Each module is a folder named\n"
+           "like the module, holding its Manifest and its program (also named like the module), or a\n"
+           "zip of such a folder (a development package from nxabuild is one).\n";
+}
 
 // A private scratch folder, removed with everything in it at the end.
 class ScratchDir {
@@ -70,11 +76,11 @@ void pack(std::string const& out, std::vector<std::string> const& inputs) {
 
 int main(int argc, char* argv[]) {
     if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        std::cout << kUsage;
+        std::cout << usage();
         return 0;
     }
     if (argc < 3 || argv[1][0] == '-') {
-        std::cerr << kUsage;
+        std::cerr << usage();
         return 2;
     }
     try {
