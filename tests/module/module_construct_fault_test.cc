@@ -38,7 +38,7 @@ std::atomic<int> failListen{0};            // errno for the next listenConnectio
 }  // namespace
 
 extern "C" int socket(int domain, int type, int protocol) {
-    static auto next = nxamodtest::nextDefinition<int (*)(int, int, int)>("socket");
+    static auto next = nxatest::nextDefinition<int (*)(int, int, int)>("socket");
     if (domain == AF_INET && type == SOCK_STREAM) {
         if (int err = failSocket.exchange(0)) {
             errno = err;
@@ -49,8 +49,7 @@ extern "C" int socket(int domain, int type, int protocol) {
 }
 
 extern "C" int setsockopt(int fd, int level, int name, void const* value, socklen_t len) {
-    static auto next =
-        nxamodtest::nextDefinition<int (*)(int, int, int, void const*, socklen_t)>("setsockopt");
+    static auto next = nxatest::nextDefinition<int (*)(int, int, int, void const*, socklen_t)>("setsockopt");
     if (level == SOL_SOCKET && name == SO_REUSEADDR) {
         if (int err = failReuseAddr.exchange(0)) {
             errno = err;
@@ -61,7 +60,7 @@ extern "C" int setsockopt(int fd, int level, int name, void const* value, sockle
 }
 
 int openPtyPair(int& master, int& slave, int flags) {
-    static auto next = nxamodtest::nextDefinition<int (*)(int&, int&, int)>("_Z11openPtyPairRiS_i");
+    static auto next = nxatest::nextDefinition<int (*)(int&, int&, int)>("_Z11openPtyPairRiS_i");
     if (int err = failPtyPair.exchange(0)) {
         errno = err;
         return -1;
@@ -70,14 +69,14 @@ int openPtyPair(int& master, int& slave, int flags) {
 }
 
 void bindSocket(int fd, sockaddr_in const& addr, socklen_t len) {
-    static auto next = nxamodtest::nextDefinition<void (*)(int, sockaddr_in const&, socklen_t)>(
+    static auto next = nxatest::nextDefinition<void (*)(int, sockaddr_in const&, socklen_t)>(
         "_Z10bindSocketiRK11sockaddr_inj");
     if (bindThrowsOther.exchange(false)) throw std::runtime_error("not an IOException");
     next(fd, addr, len);
 }
 
 void listenConnection(int fd, int backlog) {
-    static auto next = nxamodtest::nextDefinition<void (*)(int, int)>("_Z16listenConnectionii");
+    static auto next = nxatest::nextDefinition<void (*)(int, int)>("_Z16listenConnectionii");
     if (int err = failListen.exchange(0)) {
         errno = err;
         throw IOException(err, "cannot listen on socket");

@@ -1,7 +1,6 @@
 // Proc: forking, reaping, and stopping children and their process groups.
 #include "vlplatform/proc.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "interpose.h"
 #include "shell.h"
 
 namespace {
@@ -31,7 +31,7 @@ extern "C" pid_t fork() {
         errno = failForkWith;
         return -1;
     }
-    static auto real = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
+    static auto real = nxatest::nextDefinition<pid_t (*)()>("fork");
     return real();
 }
 
