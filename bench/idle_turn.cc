@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "nxaclient.h"
-#include "peers_alloc_counter.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ void report(benchmark::State& state, long allocs) {
 void BM_IdleLibrary(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     FdSet rd, wr, none, noneWr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         rd.clear();
         wr.clear();
@@ -50,14 +50,14 @@ void BM_IdleLibrary(benchmark::State& state) {
         client->handleInput(none);
         client->handleOutput(noneWr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleLibrary)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
 void BM_IdleTurn(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     FdSet rd, wr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         rd.clear();
         wr.clear();
@@ -66,7 +66,7 @@ void BM_IdleTurn(benchmark::State& state) {
         client->handleInput(rd);
         client->handleOutput(wr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleTurn)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 

@@ -22,8 +22,8 @@
 #include <new>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "capture.h"
-#include "counting_new.h"
 #include "interpose.h"
 #include "module_harness.h"
 #include "sandbox.h"
@@ -57,7 +57,7 @@ std::atomic<int> forkErrno{0};
 std::atomic<int> forkCalls{0};
 std::mutex stopsMutex;
 std::vector<pid_t> stops;
-// Calls of read() and write() on `countFd`, and allocations, while counting.
+// Calls of read() and write() on `countFd` while counting.
 std::atomic<int> countFd{-1};
 std::atomic<int> countedCalls{0};
 
@@ -391,12 +391,11 @@ TEST_F(ModuleFault, QuietTurnAllocatesNothingAndLeavesTheTerminalAlone) {
     for (int i = 0; i < 3; ++i) turn();  // the sets and the wait's buffer have grown
     fault::countFd = master();
     fault::countedCalls = 0;
-    nxamodtest::allocations = 0;
-    nxamodtest::countAllocations = true;
+    long const before = nxatest::allocations();
     for (int i = 0; i < 10; ++i) turn();
-    nxamodtest::countAllocations = false;
+    long const made = nxatest::allocations() - before;
     fault::countFd = -1;
-    EXPECT_EQ(nxamodtest::allocations, 0);
+    EXPECT_EQ(made, 0);
     EXPECT_EQ(fault::countedCalls, 0);
 }
 
@@ -412,13 +411,12 @@ TEST_F(ModuleFault, TurnWithOutputReadsTheTerminalOnce) {
     }));
     fault::countFd = m;
     fault::countedCalls = 0;
-    nxamodtest::allocations = 0;
-    nxamodtest::countAllocations = true;
+    long const before = nxatest::allocations();
     pollOnce(*module);
-    nxamodtest::countAllocations = false;
+    long const made = nxatest::allocations() - before;
     fault::countFd = -1;
     EXPECT_EQ(fault::countedCalls, 1);
-    EXPECT_GT(nxamodtest::allocations, 0);  // the shared chunk: the counter does count
+    EXPECT_GT(made, 0);  // the shared chunk: the counter does count
     std::string log;
     module->getRunLog(log);
     EXPECT_EQ(log, "more\n");
