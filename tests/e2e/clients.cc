@@ -1,17 +1,14 @@
 #include "clients.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "shell.h"
@@ -27,72 +24,6 @@ std::string quoted(std::string const& text) {
 }
 
 }  // namespace
-
-Background::Background(std::string const& command, bool withInput) {
-    static int serial = 0;
-    file_ = scratchDir() + "/client" + std::to_string(++serial) + ".out";
-    int pipeEnds[2] = {-1, -1};
-    if (withInput && ::pipe2(pipeEnds, O_CLOEXEC) != 0) ADD_FAILURE() << "pipe: " << std::strerror(errno);
-    int const out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-    int const in = withInput ? pipeEnds[0] : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::setpgid(0, 0);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(out, 2);
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    if (pid_ > 0) ::setpgid(pid_, pid_);
-    ::close(out);
-    ::close(in);
-    input_ = pipeEnds[1];
-}
-
-Background::~Background() {
-    closeInput();
-    if (pid_ <= 0) return;
-    ::kill(-pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-}
-
-void Background::send(std::string const& bytes) const {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::write(input_, bytes.data() + done, bytes.size() - done);
-        if (n <= 0) {
-            ADD_FAILURE() << "cannot write to the client's input: " << std::strerror(errno);
-            return;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-}
-
-void Background::closeInput() {
-    if (input_ >= 0) ::close(input_);
-    input_ = -1;
-}
-
-std::string Background::output() const {
-    return nxatest::readFile(file_);
-}
-
-bool Background::waitFor(std::string const& text, milliseconds timeout) const {
-    return nxatest::waitUntil([&] { return output().find(text) != std::string::npos; }, timeout);
-}
-
-int Background::wait(milliseconds timeout) {
-    int status = 0;
-    bool const done = nxatest::waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
-    if (!done) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-void Background::signal(int sig) const {
-    if (pid_ > 0) ::kill(pid_, sig);
-}
 
 std::string ncCommand(unsigned port) {
     return "exec nc 127.0.0.1 " + std::to_string(port);

@@ -3,45 +3,16 @@
 // misbehaving TCP clients made by the test itself.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <string>
 
 #include "host_process.h"
+#include "background.h"
 
 namespace e2e {
 
-// A shell command in the background, in its own process group, its standard
-// output and error going to one file. With `withInput`, its standard input is
-// a pipe the test writes to (send); otherwise /dev/null. The destructor kills
-// the group and reaps the command.
-class Background {
-public:
-    explicit Background(std::string const& command, bool withInput = false);
-    ~Background();
-    Background(Background const&) = delete;
-    Background& operator=(Background const&) = delete;
-
-    // Writes `bytes` to the command's standard input.
-    void send(std::string const& bytes) const;
-    // Closes the command's standard input (end of file for it).
-    void closeInput();
-    std::string output() const;
-    // Waits until the output contains `text`.
-    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const;
-    // Waits for the command to end: its exit status, -1 on time-out.
-    int wait(milliseconds timeout = kPatience);
-    // Sends `sig` to the command's process (the shell, or what it exec'd), unless it has ended.
-    void signal(int sig) const;
-    // The command's process id (the shell's, or what it exec'd); -1 once waited for.
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-    int input_ = -1;
-    std::string file_;
-};
+// A shell command in the background (tests/support/background.h).
+using nxatest::Background;
 
 // `nc 127.0.0.1 <port>`, typing what the test sends.
 std::string ncCommand(unsigned port);
