@@ -94,18 +94,98 @@ void publishSystem(std::string const& to, std::string const& sender, int kind, s
     ASSERT_EQ(r.status, 0) << command << ": " << r.output;
 }
 
+bool textThroughHost(Background const& client, std::string const& text, std::string const& host) {
+    return nxatest::waitUntil(
+        [&] {
+            publishSystem(host, "tester", 34, text);
+            return client.waitFor(text, milliseconds(2000));
+        },
+        kPatience);
+}
+
+namespace {
+
+std::string subscriberCommand(std::vector<std::string> const& names, std::string const& format) {
+    std::string command = "exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010";
+    for (std::string const& name : names) command += " -t " + quoted("vlpbus/" + name);
+    return command + " -F " + quoted(format);
+}
+
+std::string toHex(std::string const& bytes) {
+    static char const digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char c : bytes) {
+        hex += digits[c >> 4];
+        hex += digits[c & 15];
+    }
+    return hex;
+}
+
+std::string fromHex(std::string const& hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+}  // namespace
+
 BusSubscriber::BusSubscriber(std::string const& name, std::string const& format)
-    : sub_("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) + " -F " +
-           quoted(format)) {
-    // The subscription is in place once a probe published to it comes back.
+    : BusSubscriber(std::vector<std::string>{name}, format) {}
+
+BusSubscriber::BusSubscriber(std::vector<std::string> const& names, std::string const& format)
+    : sub_(subscriberCommand(names, format)) {
+    // The subscription is in place once a probe published to it comes back,
+    // as it is or, with a format that shows the payload in hex, in hex.
+    auto probed = [&] {
+        std::string const seen = output();
+        return seen.find(kSubscriberProbe) != std::string::npos ||
+               seen.find(toHex(kSubscriberProbe)) != std::string::npos;
+    };
     bool const ready = nxatest::waitUntil(
         [&] {
-            nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) +
-                           " -m subscriber-probe");
-            return sub_.waitFor("subscriber-probe", milliseconds(300));
+            nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " +
+                           quoted("vlpbus/" + names.at(0)) + " -m " + kSubscriberProbe);
+            return nxatest::waitUntil(probed, milliseconds(300));
         },
         kPatience);
     EXPECT_TRUE(ready) << "mosquitto_sub did not subscribe: " << output();
+}
+
+std::vector<BusMessage> parseMessages(std::string const& output) {
+    std::vector<BusMessage> messages;
+    std::size_t start = 0;
+    for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
+        std::string const line = output.substr(start, end - start);
+        std::size_t const first = line.find(' ');
+        if (first == std::string::npos) continue;
+        std::size_t const second = line.find(' ', first + 1);
+        BusMessage m;
+        m.topic = line.substr(0, first);
+        m.payload = fromHex(
+            line.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1));
+        if (second != std::string::npos) m.properties = line.substr(second + 1);
+        messages.push_back(m);
+    }
+    return messages;
+}
+
+std::string listing(std::vector<BusMessage> const& messages) {
+    std::string text;
+    for (BusMessage const& m : messages)
+        text += m.text() + (m.payload.empty() || m.payload.back() != '\n' ? "\n" : "");
+    return text;
+}
+
+std::size_t firstOf(std::vector<BusMessage> const& messages, std::string const& topic,
+                    std::string const& text, std::string const& property) {
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        BusMessage const& m = messages[i];
+        if (m.topic == topic && m.payload.find(text) != std::string::npos &&
+            m.properties.find(property) != std::string::npos)
+            return i;
+    }
+    return std::string::npos;
 }
 
 }  // namespace e2e
