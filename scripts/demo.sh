@@ -17,7 +17,7 @@ fi
 scripts/setup.sh
 echo "== build"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)" --target nxahost nxapack examples >/dev/null
+cmake --build build -j "$(nproc)" --target nxahost nxactl nxapack examples >/dev/null
 
 package_dir=/var/opt/velmora
 mkdir -p "$package_dir"
