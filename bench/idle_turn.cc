@@ -77,7 +77,7 @@ void BM_IdleTurnCold(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     std::vector<char> other(2 << 20);
     FdSet rd, wr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         state.PauseTiming();
         std::memset(other.data(), static_cast<int>(state.iterations()), other.size());
@@ -90,7 +90,7 @@ void BM_IdleTurnCold(benchmark::State& state) {
         client->handleInput(rd);
         client->handleOutput(wr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleTurnCold)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
