@@ -100,16 +100,6 @@ std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client, milliseconds tim
     return msg;
 }
 
-std::string hex(std::string const& text) {
-    static char const digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : text) {
-        out += digits[c >> 4];
-        out += digits[c & 0xf];
-    }
-    return out;
-}
-
 std::unique_ptr<VLPBusClient> connectedClient(std::string const& name) {
     auto client = std::make_unique<VLPBusClient>("", nxatest::kBusPort, name);
     client->setup();

@@ -61,9 +61,6 @@ std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client,
 bool pumpUntil(VLPBusClient& client, std::function<bool()> const& done,
                milliseconds timeout = std::chrono::seconds(10));
 
-// The bytes of `text` as lower-case hex, as mosquitto_sub's %x prints them.
-std::string hex(std::string const& text);
-
 // A client of the sandbox's broker (127.0.0.1:20010) named `name`, set up;
 // the test fails unless it is connected.
 std::unique_ptr<VLPBusClient> connectedClient(std::string const& name);

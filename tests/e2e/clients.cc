@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "hex.h"
 #include "shell.h"
 
 namespace e2e {
@@ -111,23 +112,6 @@ std::string subscriberCommand(std::vector<std::string> const& names, std::string
     return command + " -F " + quoted(format);
 }
 
-std::string toHex(std::string const& bytes) {
-    static char const digits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char c : bytes) {
-        hex += digits[c >> 4];
-        hex += digits[c & 15];
-    }
-    return hex;
-}
-
-std::string fromHex(std::string const& hex) {
-    std::string bytes;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return bytes;
-}
-
 }  // namespace
 
 BusSubscriber::BusSubscriber(std::string const& name, std::string const& format)
@@ -140,7 +124,7 @@ BusSubscriber::BusSubscriber(std::vector<std::string> const& names, std::string 
     auto probed = [&] {
         std::string const seen = output();
         return seen.find(kSubscriberProbe) != std::string::npos ||
-               seen.find(toHex(kSubscriberProbe)) != std::string::npos;
+               seen.find(nxatest::toHex(kSubscriberProbe)) != std::string::npos;
     };
     bool const ready = nxatest::waitUntil(
         [&] {
@@ -162,7 +146,7 @@ std::vector<BusMessage> parseMessages(std::string const& output) {
         std::size_t const second = line.find(' ', first + 1);
         BusMessage m;
         m.topic = line.substr(0, first);
-        m.payload = fromHex(
+        m.payload = nxatest::fromHex(
             line.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1));
         if (second != std::string::npos) m.properties = line.substr(second + 1);
         messages.push_back(m);

@@ -4,19 +4,13 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "hex.h"
 #include "sandbox.h"
 #include "shell.h"
 
 namespace peerstest {
 
 namespace {
-
-std::string hexToBytes(std::string const& hex) {
-    std::string out;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
 
 // One printed line "<topic>|<prop> <prop>...|<hex payload>".
 bool parseLine(std::string const& line, std::string const& topic, Received& out) {
@@ -25,7 +19,7 @@ bool parseLine(std::string const& line, std::string const& topic, Received& out)
     std::istringstream props(line.substr(topic.size() + 1, bar - topic.size() - 1));
     std::string prop;
     while (props >> prop) out.properties.insert(prop);
-    out.payload = hexToBytes(line.substr(bar + 1));
+    out.payload = nxatest::fromHex(line.substr(bar + 1));
     return true;
 }
 
