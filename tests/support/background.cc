@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,9 +14,18 @@
 
 namespace nxatest {
 
+std::string const& backgroundDir() {
+    static std::string const dir = [] {
+        std::string const path = "/tmp/nxa-background";
+        ::mkdir(path.c_str(), 0755);
+        return path;
+    }();
+    return dir;
+}
+
 Background::Background(std::string const& command, bool withInput) {
     static int serial = 0;
-    file_ = "/tmp/nxa-background." + std::to_string(::getpid()) + "." + std::to_string(++serial) + ".out";
+    file_ = backgroundDir() + "/" + std::to_string(::getpid()) + "." + std::to_string(++serial) + ".out";
     int pipeEnds[2] = {-1, -1};
     if (withInput && ::pipe2(pipeEnds, O_CLOEXEC) != 0) ADD_FAILURE() << "pipe: " << std::strerror(errno);
     int const out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);

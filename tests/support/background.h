@@ -8,6 +8,10 @@
 
 namespace nxatest {
 
+// The directory the background commands' output files are in (made on first
+// use), for tests that look at what else appears in /tmp to leave aside.
+std::string const& backgroundDir();
+
 // A shell command (/bin/sh -c) in the background, in its own process group,
 // its standard output and error going to one file. With `withInput`, its
 // standard input is a pipe the test writes to (send, closeInput); otherwise
