@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "nxaclient.h"
-#include "peers_alloc_counter.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ void report(benchmark::State& state, long allocs) {
 void BM_IdleLibrary(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     FdSet rd, wr, none, noneWr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         rd.clear();
         wr.clear();
@@ -53,14 +53,14 @@ void BM_IdleLibrary(benchmark::State& state) {
         client->handleInput(none);
         client->handleOutput(noneWr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleLibrary)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
 void BM_IdleTurn(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     FdSet rd, wr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         rd.clear();
         wr.clear();
@@ -69,7 +69,7 @@ void BM_IdleTurn(benchmark::State& state) {
         client->handleInput(rd);
         client->handleOutput(wr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleTurn)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
@@ -77,7 +77,7 @@ void BM_IdleTurnCold(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     std::vector<char> other(2 << 20);
     FdSet rd, wr;
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) {
         state.PauseTiming();
         std::memset(other.data(), static_cast<int>(state.iterations()), other.size());
@@ -90,7 +90,7 @@ void BM_IdleTurnCold(benchmark::State& state) {
         client->handleInput(rd);
         client->handleOutput(wr);
     }
-    report(state, allocations - before);
+    report(state, nxatest::allocations() - before);
 }
 BENCHMARK(BM_IdleTurnCold)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 

@@ -1,7 +1,7 @@
 // What fanning a module's output out to its peers costs: Peers::push of one
 // 512-byte chunk to 1, 8 and 64 peers, and PeerLog::move of a full run log.
-// Every operator new of the process is counted, so each benchmark also reports
-// the allocations per operation ("allocs").
+// Every operator new is counted (tests/support/alloc_counter.h), so each
+// benchmark also reports the allocations per operation ("allocs").
 //
 // The peers are bus peers that are never written, so no I/O is measured. They
 // need a real module, which connects to the bus on its fixed port: run
@@ -14,8 +14,8 @@
 #include <memory>
 #include <string>
 
+#include "alloc_counter.h"
 #include "nxaclient.h"
-#include "peers_alloc_counter.h"
 
 namespace {
 
@@ -49,9 +49,9 @@ void BM_PeersPush(benchmark::State& state) {
     std::string bytes = chunkBytes();
     auto const* data = reinterpret_cast<unsigned char const*>(bytes.data());
     for (std::size_t i = 0; i < NXAClient::Peer::queueBound; ++i) peers.push(data, bytes.size());
-    long before = allocations;
+    long before = nxatest::allocations();
     for (auto _ : state) peers.push(data, bytes.size());
-    reportAllocations(state, allocations - before);
+    reportAllocations(state, nxatest::allocations() - before);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kChunk));
 }
 BENCHMARK(BM_PeersPush)->Arg(1)->Arg(8)->Arg(64);
@@ -71,11 +71,11 @@ void BM_PeerLogMove(benchmark::State& state) {
         state.PauseTiming();
         out.clear();
         for (std::size_t i = 0; i < NXAClient::Peer::queueBound; ++i) peers.push(data, bytes.size());
-        long before = allocations;
+        long before = nxatest::allocations();
         state.ResumeTiming();
         log.move(out);
         benchmark::DoNotOptimize(out.data());
-        counted += allocations - before;
+        counted += nxatest::allocations() - before;
     }
     reportAllocations(state, counted);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * NXAClient::Peer::queueBound * kChunk));

@@ -1,6 +1,7 @@
 // NXAClient::Module: what a host that runs unattended adds to the module's
 // life: starting the program again, the module's state on the bus, and its
 // bus connection after the broker came back.
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <vlplatform/messages.h>
 
@@ -25,8 +26,15 @@ void NXAClient::Module::restart() {
 }
 
 std::size_t NXAClient::Module::pendingOutput() const {
+    if (master < 0) return 0;
+    // The terminal layer hands what the program wrote on to the master's side
+    // a little later, from a worker of its own: a program that has just ended
+    // may have output on the way that FIONREAD does not count yet. A poll
+    // waits for that hand-over first.
+    pollfd ready{master, POLLIN, 0};
+    (void)::poll(&ready, 1, 0);
     int waiting = 0;
-    if (master < 0 || ::ioctl(master, FIONREAD, &waiting) != 0 || waiting < 0) return 0;
+    if (::ioctl(master, FIONREAD, &waiting) != 0 || waiting < 0) return 0;
     return static_cast<std::size_t>(waiting);
 }
 

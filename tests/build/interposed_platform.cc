@@ -1,7 +1,8 @@
 #include "interposed_platform.h"
 
-#include <dlfcn.h>
 #include <vlplatform/system.h>
+
+#include "interpose.h"
 
 namespace interposed {
 
@@ -15,18 +16,8 @@ void reset() {
     totalRam.reset();
 }
 
-namespace {
-
-// The next definition of `symbol` after this binary's: the platform library's.
-template <class Function>
-Function* next(char const* symbol) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
-
-}  // namespace
-
 int realGetCmdCallOutput(char const* cmd, std::string& out) {
-    static auto* real = next<int(char const*, std::string&)>(
+    static auto* real = nxatest::nextDefinition<int (*)(char const*, std::string&)>(
         "_Z16getCmdCallOutputPKcRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
     return real(cmd, out);
 }
@@ -41,6 +32,6 @@ int getCmdCallOutput(char const* cmd, std::string& out) {
 
 unsigned long getTotalRam() {
     if (interposed::totalRam) return *interposed::totalRam;
-    static auto* real = reinterpret_cast<unsigned long (*)()>(dlsym(RTLD_NEXT, "_Z11getTotalRamv"));
+    static auto* real = nxatest::nextDefinition<unsigned long (*)()>("_Z11getTotalRamv");
     return real();
 }

@@ -25,6 +25,11 @@ milliseconds elapsedSince(steady_clock::time_point start) {
     return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
 }
 
+// Room beyond connectWaitMs for a loaded machine: a client that waits at most
+// connectWaitMs stays well inside it, one that waits for the system's connect
+// time-out (minutes) or tries again and again does not.
+constexpr long kLoadSlackMs = 3000;
+
 // A TCP socket on 127.0.0.1:20010 listening with `backlog`; -1 on failure.
 int listenOnBusPort(int backlog) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -109,7 +114,7 @@ TEST(VLPBusConnection, WithoutBrokerSetupReturnsAtOnceUnconnected) {
     VLPBusClient client("", nxatest::kBusPort, "NXAModule_demo");
     auto start = steady_clock::now();
     client.setup();
-    EXPECT_LT(elapsedSince(start).count(), VLPBusClient::connectWaitMs + 250);
+    EXPECT_LT(elapsedSince(start).count(), VLPBusClient::connectWaitMs + kLoadSlackMs);
     expectUnconnected(client);
     client.sendTo("NXAModule_demo", "viewer", std::make_unique<SystemMessage>());
     EXPECT_EQ(client.getMessage(), nullptr);
@@ -143,7 +148,7 @@ TEST(VLPBusConnection, BrokerThatNeverAcceptsCostsConnectWaitAtMost) {
     client.setup();
     auto took = elapsedSince(start).count();
     EXPECT_GE(took, VLPBusClient::connectWaitMs - 10);
-    EXPECT_LT(took, VLPBusClient::connectWaitMs + 500);
+    EXPECT_LT(took, VLPBusClient::connectWaitMs + kLoadSlackMs);
     expectUnconnected(client);
     for (int fd : queued) close(fd);
     close(listener);
@@ -159,7 +164,7 @@ TEST(VLPBusConnection, BrokerThatNeverAnswersCostsConnectWaitAtMost) {
     client.connectToServer();
     auto took = elapsedSince(start).count();
     EXPECT_GE(took, VLPBusClient::connectWaitMs - 10);
-    EXPECT_LT(took, VLPBusClient::connectWaitMs + 500);
+    EXPECT_LT(took, VLPBusClient::connectWaitMs + kLoadSlackMs);
     expectUnconnected(client);
     close(listener);
 }

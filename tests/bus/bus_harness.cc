@@ -1,13 +1,7 @@
 #include "bus_harness.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -15,78 +9,39 @@
 #include "shell.h"
 #include "vlplatform/fd_set.h"
 
-extern char** environ;
-
 namespace bustest {
 
 namespace {
 
-// A fresh, empty file for a child's output; its path.
-std::string outputFile() {
-    char path[] = "/tmp/bus-sub-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd >= 0) close(fd);
-    return path;
-}
-
-pid_t spawn(std::vector<std::string> const& args, std::string const& output) {
-    std::vector<char*> argv;
-    for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_APPEND, 0);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
-}
-
-bool exited(pid_t pid) {
-    int status;
-    return waitpid(pid, &status, WNOHANG) == pid;
+// mosquitto_sub on `topic`: -d shows when the broker has acknowledged the
+// subscription; stdbuf makes each line visible at once.
+std::string subscriberCommand(std::string const& topic, std::string const& format, int count) {
+    return "exec stdbuf -oL mosquitto_sub -d -V mqttv5 -p " + std::to_string(nxatest::kBusPort) + " -t " +
+           shellQuote(topic) + " -F " + shellQuote(format) + " -C " + std::to_string(count) + " -W 30";
 }
 
 }  // namespace
 
 Subscriber::Subscriber(std::string const& topic, std::string const& format, int count)
-    : topic_(topic), output_(outputFile()) {
-    start(format, count);
+    : topic_(topic), sub_(subscriberCommand(topic, format, count)) {
+    awaitSubscription();
 }
 
-void Subscriber::start(std::string const& format, int count) {
-    // -d shows when the broker has acknowledged the subscription; stdbuf makes
-    // each line visible at once.
-    pid_ = spawn(
-        {"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv5", "-p", std::to_string(nxatest::kBusPort),
-         "-t", topic_, "-F", format, "-C", std::to_string(count), "-W", "30"},
-        output_);
-    ASSERT_GT(pid_, 0) << "cannot start mosquitto_sub";
-    bool subscribed = nxatest::waitUntil(
-        [&] { return nxatest::readFile(output_).find("Subscribed (mid:") != std::string::npos; });
-    ASSERT_TRUE(subscribed) << "mosquitto_sub did not subscribe: " << nxatest::readFile(output_);
+void Subscriber::awaitSubscription() {
+    ASSERT_TRUE(sub_.waitFor("Subscribed (mid:", std::chrono::seconds(10)))
+        << "mosquitto_sub did not subscribe: " << sub_.output();
     ready_ = true;
 }
 
-Subscriber::~Subscriber() {
-    if (pid_ > 0 && !exited(pid_)) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    unlink(output_.c_str());
-}
-
 std::vector<std::string> Subscriber::lines(milliseconds timeout) {
-    if (pid_ > 0 && nxatest::waitUntil([&] { return exited(pid_); }, timeout)) pid_ = -1;
-    EXPECT_EQ(pid_, -1) << "mosquitto_sub did not end: " << nxatest::readFile(output_);
+    bool const ended = sub_.pid() < 0 || sub_.wait(timeout) >= 0;
+    EXPECT_TRUE(ended) << "mosquitto_sub did not end: " << sub_.output();
     return messageLines();
 }
 
 std::vector<std::string> Subscriber::messageLines() const {
     std::vector<std::string> result;
-    std::istringstream in(nxatest::readFile(output_));
+    std::istringstream in(sub_.output());
     std::string line;
     while (std::getline(in, line)) {
         if (line.compare(0, topic_.size() + 1, topic_ + "|") == 0) result.push_back(line);
@@ -143,16 +98,6 @@ std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client, milliseconds tim
         },
         timeout);
     return msg;
-}
-
-std::string hex(std::string const& text) {
-    static char const digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : text) {
-        out += digits[c >> 4];
-        out += digits[c & 0xf];
-    }
-    return out;
 }
 
 std::unique_ptr<VLPBusClient> connectedClient(std::string const& name) {

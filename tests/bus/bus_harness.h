@@ -2,14 +2,13 @@
 // sandbox's broker, and a polling loop that drives a VLPBusClient.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "background.h"
 #include "vlplatform/vlpbus_client.h"
 
 namespace bustest {
@@ -23,10 +22,6 @@ using std::chrono::milliseconds;
 class Subscriber {
 public:
     Subscriber(std::string const& topic, std::string const& format, int count = 1);
-    // Ends mosquitto_sub if it still runs.
-    ~Subscriber();
-    Subscriber(Subscriber const&) = delete;
-    Subscriber& operator=(Subscriber const&) = delete;
 
     bool ready() const { return ready_; }
     // Waits until mosquitto_sub has printed `count` messages and ended; the
@@ -34,12 +29,12 @@ public:
     std::vector<std::string> lines(milliseconds timeout = std::chrono::seconds(10));
 
 private:
-    void start(std::string const& format, int count);
+    // Fails the test (fatally) unless the broker acknowledges the subscription.
+    void awaitSubscription();
     std::vector<std::string> messageLines() const;
 
     std::string topic_;
-    std::string output_;
-    pid_t pid_ = -1;
+    nxatest::Background sub_;  // ended, if it still runs, when the subscriber is destroyed
     bool ready_ = false;
 };
 
@@ -65,9 +60,6 @@ std::unique_ptr<MessageBase> awaitMessage(VLPBusClient& client,
 // read() returns false.
 bool pumpUntil(VLPBusClient& client, std::function<bool()> const& done,
                milliseconds timeout = std::chrono::seconds(10));
-
-// The bytes of `text` as lower-case hex, as mosquitto_sub's %x prints them.
-std::string hex(std::string const& text);
 
 // A client of the sandbox's broker (127.0.0.1:20010) named `name`, set up;
 // the test fails unless it is connected.

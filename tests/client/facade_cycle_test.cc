@@ -37,7 +37,7 @@ std::vector<pid_t> stopped;
 }  // namespace
 
 void Proc::stop(pid_t pid) {
-    static auto next = nxamodtest::nextDefinition<void (*)(Proc*, pid_t)>("_ZN4Proc4stopEi");
+    static auto next = nxatest::nextDefinition<void (*)(Proc*, pid_t)>("_ZN4Proc4stopEi");
     stopped.push_back(pid);
     next(this, pid);
 }

@@ -1,5 +1,4 @@
 // The module registry: configuration with ports and limit, and the manifest scan.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <cstring>
 
 #include "capture.h"
+#include "interpose.h"
 #include "registry_fixture.h"
 
 // The machine name the tests want uname to report ("" keeps the real one), or
@@ -25,7 +25,7 @@ extern "C" int uname(struct utsname* out) {
         return -1;
     }
     using Real = int (*)(struct utsname*);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "uname"));
+    static Real real = nxatest::nextDefinition<Real>("uname");
     int result = real(out);
     if (result == 0 && !fakeMachine.empty()) {
         std::strncpy(out->machine, fakeMachine.c_str(), sizeof out->machine - 1);
@@ -36,7 +36,7 @@ extern "C" int uname(struct utsname* out) {
 
 int openPtyPair(int& master, int& slave, int flags) {
     using Real = int (*)(int&, int&, int);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "_Z11openPtyPairRiS_i"));
+    static Real real = nxatest::nextDefinition<Real>("_Z11openPtyPairRiS_i");
     if (++ptyCalls == failPtyAtCall) {
         errno = ENXIO;
         return -1;

@@ -29,12 +29,18 @@ TEST_F(Facade, ConstructorWritesTheMemoryLineAtEveryLevel) {
     }
 }
 
+// The job limit is one constant, 512 MiB, and the memory line shows it as it
+// is, whatever the memory: below the limit, at it, and far above it, where a
+// limit worked out from the memory would come out larger.
 TEST_F(Facade, JobLimitIsAConstant) {
     EXPECT_EQ(NXAClient::joblimit, 536870912ul);
-    fakeRam = 64ul << 30;
-    nxatest::Capture out;
-    NXAClient client("/p", "/m", "/w", 0, 20100, 16, "", 0);
-    EXPECT_EQ(out.text(), "[INFO] NXAClient::NXAClient() totalram=68719476736 joblimit=536870912\n");
+    for (unsigned long ram : {0ul, 536870911ul, 536870912ul, 64ul << 30, 256ul << 30}) {
+        fakeRam = ram;
+        nxatest::Capture out;
+        NXAClient client("/p", "/m", "/w", 0, 20100, 16, "", 0);
+        EXPECT_EQ(out.text(),
+                  "[INFO] NXAClient::NXAClient() totalram=" + std::to_string(ram) + " joblimit=536870912\n");
+    }
 }
 
 TEST_F(Facade, ConstructorSetsTheProcessWideLevel) {

@@ -1,6 +1,5 @@
 // Installation of the module package into the modules directory.
 #include <dirent.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <vlplatform/fs.h>
@@ -10,6 +9,7 @@
 #include <memory>
 
 #include "capture.h"
+#include "interpose.h"
 #include "nxaclient.h"
 #include "package_builder.h"
 #include "sandbox.h"
@@ -29,8 +29,8 @@ int rmDir(std::string const& path, bool removeTop) {
         return -1;
     }
     using Real = int (*)(std::string const&, bool);
-    static Real real = reinterpret_cast<Real>(
-        dlsym(RTLD_NEXT, "_Z5rmDirRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"));
+    static Real real =
+        nxatest::nextDefinition<Real>("_Z5rmDirRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb");
     return real(path, removeTop);
 }
 
@@ -40,7 +40,7 @@ extern "C" DIR* opendir(char const* path) {
         return nullptr;
     }
     using Real = DIR* (*)(char const*);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "opendir"));
+    static Real real = nxatest::nextDefinition<Real>("opendir");
     return real(path);
 }
 

@@ -1,19 +1,17 @@
 #include "clients.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
+#include "hex.h"
 #include "shell.h"
 
 namespace e2e {
@@ -27,72 +25,6 @@ std::string quoted(std::string const& text) {
 }
 
 }  // namespace
-
-Background::Background(std::string const& command, bool withInput) {
-    static int serial = 0;
-    file_ = scratchDir() + "/client" + std::to_string(++serial) + ".out";
-    int pipeEnds[2] = {-1, -1};
-    if (withInput && ::pipe2(pipeEnds, O_CLOEXEC) != 0) ADD_FAILURE() << "pipe: " << std::strerror(errno);
-    int const out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-    int const in = withInput ? pipeEnds[0] : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::setpgid(0, 0);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(out, 2);
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    if (pid_ > 0) ::setpgid(pid_, pid_);
-    ::close(out);
-    ::close(in);
-    input_ = pipeEnds[1];
-}
-
-Background::~Background() {
-    closeInput();
-    if (pid_ <= 0) return;
-    ::kill(-pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-}
-
-void Background::send(std::string const& bytes) const {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::write(input_, bytes.data() + done, bytes.size() - done);
-        if (n <= 0) {
-            ADD_FAILURE() << "cannot write to the client's input: " << std::strerror(errno);
-            return;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-}
-
-void Background::closeInput() {
-    if (input_ >= 0) ::close(input_);
-    input_ = -1;
-}
-
-std::string Background::output() const {
-    return nxatest::readFile(file_);
-}
-
-bool Background::waitFor(std::string const& text, milliseconds timeout) const {
-    return nxatest::waitUntil([&] { return output().find(text) != std::string::npos; }, timeout);
-}
-
-int Background::wait(milliseconds timeout) {
-    int status = 0;
-    bool const done = nxatest::waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
-    if (!done) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-void Background::signal(int sig) const {
-    if (pid_ > 0) ::kill(pid_, sig);
-}
 
 std::string ncCommand(unsigned port) {
     return "exec nc 127.0.0.1 " + std::to_string(port);
@@ -163,18 +95,81 @@ void publishSystem(std::string const& to, std::string const& sender, int kind, s
     ASSERT_EQ(r.status, 0) << command << ": " << r.output;
 }
 
+bool textThroughHost(Background const& client, std::string const& text, std::string const& host) {
+    return nxatest::waitUntil(
+        [&] {
+            publishSystem(host, "tester", 34, text);
+            return client.waitFor(text, milliseconds(2000));
+        },
+        kPatience);
+}
+
+namespace {
+
+std::string subscriberCommand(std::vector<std::string> const& names, std::string const& format) {
+    std::string command = "exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010";
+    for (std::string const& name : names) command += " -t " + quoted("vlpbus/" + name);
+    return command + " -F " + quoted(format);
+}
+
+}  // namespace
+
 BusSubscriber::BusSubscriber(std::string const& name, std::string const& format)
-    : sub_("exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) + " -F " +
-           quoted(format)) {
-    // The subscription is in place once a probe published to it comes back.
+    : BusSubscriber(std::vector<std::string>{name}, format) {}
+
+BusSubscriber::BusSubscriber(std::vector<std::string> const& names, std::string const& format)
+    : sub_(subscriberCommand(names, format)) {
+    // The subscription is in place once a probe published to it comes back,
+    // as it is or, with a format that shows the payload in hex, in hex.
+    auto probed = [&] {
+        std::string const seen = output();
+        return seen.find(kSubscriberProbe) != std::string::npos ||
+               seen.find(nxatest::toHex(kSubscriberProbe)) != std::string::npos;
+    };
     bool const ready = nxatest::waitUntil(
         [&] {
-            nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + name) +
-                           " -m subscriber-probe");
-            return sub_.waitFor("subscriber-probe", milliseconds(300));
+            nxatest::shell("mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " +
+                           quoted("vlpbus/" + names.at(0)) + " -m " + kSubscriberProbe);
+            return nxatest::waitUntil(probed, milliseconds(300));
         },
         kPatience);
     EXPECT_TRUE(ready) << "mosquitto_sub did not subscribe: " << output();
+}
+
+std::vector<BusMessage> parseMessages(std::string const& output) {
+    std::vector<BusMessage> messages;
+    std::size_t start = 0;
+    for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
+        std::string const line = output.substr(start, end - start);
+        std::size_t const first = line.find(' ');
+        if (first == std::string::npos) continue;
+        std::size_t const second = line.find(' ', first + 1);
+        BusMessage m;
+        m.topic = line.substr(0, first);
+        m.payload = nxatest::fromHex(
+            line.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1));
+        if (second != std::string::npos) m.properties = line.substr(second + 1);
+        messages.push_back(m);
+    }
+    return messages;
+}
+
+std::string listing(std::vector<BusMessage> const& messages) {
+    std::string text;
+    for (BusMessage const& m : messages)
+        text += m.text() + (m.payload.empty() || m.payload.back() != '\n' ? "\n" : "");
+    return text;
+}
+
+std::size_t firstOf(std::vector<BusMessage> const& messages, std::string const& topic,
+                    std::string const& text, std::string const& property) {
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        BusMessage const& m = messages[i];
+        if (m.topic == topic && m.payload.find(text) != std::string::npos &&
+            m.properties.find(property) != std::string::npos)
+            return i;
+    }
+    return std::string::npos;
 }
 
 }  // namespace e2e

@@ -3,45 +3,17 @@
 // misbehaving TCP clients made by the test itself.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <string>
+#include <vector>
 
+#include "background.h"
 #include "host_process.h"
 
 namespace e2e {
 
-// A shell command in the background, in its own process group, its standard
-// output and error going to one file. With `withInput`, its standard input is
-// a pipe the test writes to (send); otherwise /dev/null. The destructor kills
-// the group and reaps the command.
-class Background {
-public:
-    explicit Background(std::string const& command, bool withInput = false);
-    ~Background();
-    Background(Background const&) = delete;
-    Background& operator=(Background const&) = delete;
-
-    // Writes `bytes` to the command's standard input.
-    void send(std::string const& bytes) const;
-    // Closes the command's standard input (end of file for it).
-    void closeInput();
-    std::string output() const;
-    // Waits until the output contains `text`.
-    bool waitFor(std::string const& text, milliseconds timeout = kPatience) const;
-    // Waits for the command to end: its exit status, -1 on time-out.
-    int wait(milliseconds timeout = kPatience);
-    // Sends `sig` to the command's process (the shell, or what it exec'd), unless it has ended.
-    void signal(int sig) const;
-    // The command's process id (the shell's, or what it exec'd); -1 once waited for.
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-    int input_ = -1;
-    std::string file_;
-};
+// A shell command in the background (tests/support/background.h).
+using nxatest::Background;
 
 // `nc 127.0.0.1 <port>`, typing what the test sends.
 std::string ncCommand(unsigned port);
@@ -82,6 +54,12 @@ private:
 // participant `to` ("vlpbus/<to>"), as `sender`, with kind `kind`.
 void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text);
 
+// Publishes `text` as a system message of kind 34 to the host's bus name
+// `host` until `client` has received it (the host pushes such a text to every
+// client of every module); false when it never arrives. Whatever the host did
+// before it took the text in comes before it: a marker for "later".
+bool textThroughHost(Background const& client, std::string const& text, std::string const& host = "NXAHost");
+
 // mosquitto_sub -V mqttv5 on "vlpbus/<name>", printing each message on its own
 // line in mosquitto_sub's output `format` (the payload alone by default; "%P %p"
 // puts the user properties, key:value, before it). Returns once the
@@ -89,6 +67,10 @@ void publishSystem(std::string const& to, std::string const& sender, int kind, s
 class BusSubscriber {
 public:
     explicit BusSubscriber(std::string const& name, std::string const& format = "%p");
+    // One subscriber on "vlpbus/<name>" for each of `names`: one connection,
+    // which the broker gives the messages in the order it forwards them. The
+    // probe that shows the subscription in place goes to the first name.
+    BusSubscriber(std::vector<std::string> const& names, std::string const& format);
     std::string output() const { return sub_.output(); }
     bool waitFor(std::string const& text, milliseconds timeout = kPatience) const {
         return sub_.waitFor(text, timeout);
@@ -97,5 +79,29 @@ public:
 private:
     Background sub_;
 };
+
+// The payload mosquitto_sub uses to see its subscription in place.
+constexpr char kSubscriberProbe[] = "subscriber-probe";
+
+// One message as mosquitto_sub -F '%t %x %P' (or '%t %x') prints it: topic,
+// payload in hex, user properties as "key:value" separated by spaces.
+struct BusMessage {
+    std::string topic;
+    std::string payload;
+    std::string properties;
+    std::string text() const { return topic + " [" + properties + "] " + payload; }
+};
+
+// The complete messages of such output, in the order they arrived.
+std::vector<BusMessage> parseMessages(std::string const& output);
+
+// The messages one a line, for a failure's message.
+std::string listing(std::vector<BusMessage> const& messages);
+
+// The index in `messages` of the first one on `topic` whose payload holds
+// `text` and whose user properties hold `property`; std::string::npos when
+// there is none.
+std::size_t firstOf(std::vector<BusMessage> const& messages, std::string const& topic,
+                    std::string const& text, std::string const& property = "");
 
 }  // namespace e2e

@@ -14,13 +14,14 @@
  * The library takes LD_PRELOAD out of the environment as it loads, so the
  * programs the host starts run without it. */
 #define _GNU_SOURCE
-#include <dlfcn.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
+
+#include "interpose.h"
 
 static int failSetsidInChild;
 static int failFork;
@@ -43,7 +44,7 @@ __attribute__((constructor)) static void arm(void) {
 
 pid_t fork(void) {
     static pid_t (*realFork)(void);
-    if (!realFork) realFork = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+    if (!realFork) realFork = (pid_t(*)(void))nxaNextDefinition("fork");
     int const next = forksSoFar + 1;
     if (next == failFork) {
         forksSoFar = next;
@@ -61,7 +62,7 @@ pid_t fork(void) {
 
 pid_t setsid(void) {
     static pid_t (*realSetsid)(void);
-    if (!realSetsid) realSetsid = (pid_t(*)(void))dlsym(RTLD_NEXT, "setsid");
+    if (!realSetsid) realSetsid = (pid_t(*)(void))nxaNextDefinition("setsid");
     if (failSetsidInChild > 0 && ordinalAsChild == failSetsidInChild) {
         errno = EPERM;
         return -1;
@@ -71,7 +72,7 @@ pid_t setsid(void) {
 
 int dup2(int oldFd, int newFd) {
     static int (*realDup2)(int, int);
-    if (!realDup2) realDup2 = (int (*)(int, int))dlsym(RTLD_NEXT, "dup2");
+    if (!realDup2) realDup2 = (int (*)(int, int))nxaNextDefinition("dup2");
     if (newFd == 2 && failDup2StderrInChild > 0 && ordinalAsChild == failDup2StderrInChild) {
         errno = EBUSY;
         return -1;
@@ -91,7 +92,7 @@ static int isPtyMaster(int fd) {
 
 ssize_t read(int fd, void* buf, size_t count) {
     static ssize_t (*realRead)(int, void*, size_t);
-    if (!realRead) realRead = (ssize_t(*)(int, void*, size_t))dlsym(RTLD_NEXT, "read");
+    if (!realRead) realRead = (ssize_t(*)(int, void*, size_t))nxaNextDefinition("read");
     if (failPtyRead && isPtyMaster(fd)) {
         errno = EIO;
         return -1;

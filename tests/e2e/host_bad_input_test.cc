@@ -48,12 +48,14 @@ protected:
     }
 
     void startWatching() {
-        before_ = snapshot({"/var/opt/velmora", "/tmp"}, {scratchDir(), "/tmp/.nxa-sandbox"});
+        before_ = snapshot({"/var/opt/velmora", "/tmp"},
+                           {scratchDir(), nxatest::backgroundDir(), "/tmp/.nxa-sandbox"});
     }
 
     std::string writtenOutside() const {
         return changesOutside(before_,
-                              snapshot({"/var/opt/velmora", "/tmp"}, {scratchDir(), "/tmp/.nxa-sandbox"}),
+                              snapshot({"/var/opt/velmora", "/tmp"},
+                                       {scratchDir(), nxatest::backgroundDir(), "/tmp/.nxa-sandbox"}),
                               {kModulesDir, kUnpackDir});
     }
 

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <thread>
 
 #include "clients.h"
 #include "host_process.h"
@@ -50,8 +49,10 @@ TEST(HostFaults, ForkedCopyWhoseChildSetupFailsEndsAtOnceAndTheHostServesTheOthe
     EXPECT_TRUE(first.waitFor("first ready\n")) << first.output();
     EXPECT_TRUE(third.waitFor("third ready\n")) << third.output();
 
-    // After a while there is still one host, which has said everything once.
-    std::this_thread::sleep_for(1s);
+    // Once the host has gone on to serve its own bus (a text to every client),
+    // there is still one host, which has said everything once.
+    EXPECT_TRUE(textThroughHost(first, "served on\n")) << first.output() << describe(host);
+    EXPECT_TRUE(third.waitFor("served on\n")) << third.output() << describe(host);
     EXPECT_EQ(liveProcessesRunning(hostBinary()), 1) << sandboxProcesses().size() << " processes:\n"
                                                      << strayProcesses();
     EXPECT_EQ(host.countLine(failed), 1) << describe(host);
@@ -106,7 +107,9 @@ TEST(HostFaults, ForkedCopyFailingAfterItsOutputWentToTheTerminalWritesItsLineTh
     Background second(ncCommand(20101));
     EXPECT_TRUE(second.waitFor("second ready\n")) << second.output();
 
-    std::this_thread::sleep_for(1s);
+    // Once the host has gone on to serve its own bus, there is still one host,
+    // and the copy's line went nowhere but the module's terminal.
+    EXPECT_TRUE(textThroughHost(second, "served on\n")) << second.output() << describe(host);
     EXPECT_EQ(liveProcessesRunning(hostBinary()), 1) << strayProcesses();
     EXPECT_EQ(host.out().find("cannot replace"), std::string::npos) << describe(host);
     EXPECT_EQ(countMatchingLines(host.out(), ended), 1) << describe(host);

@@ -22,8 +22,8 @@
 #include <new>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "capture.h"
-#include "counting_new.h"
 #include "interpose.h"
 #include "module_harness.h"
 #include "sandbox.h"
@@ -57,7 +57,7 @@ std::atomic<int> forkErrno{0};
 std::atomic<int> forkCalls{0};
 std::mutex stopsMutex;
 std::vector<pid_t> stops;
-// Calls of read() and write() on `countFd`, and allocations, while counting.
+// Calls of read() and write() on `countFd` while counting.
 std::atomic<int> countFd{-1};
 std::atomic<int> countedCalls{0};
 
@@ -74,7 +74,7 @@ std::vector<pid_t> recordedStops() {
 }  // namespace fault
 
 extern "C" ssize_t read(int fd, void* buf, size_t count) {
-    static auto next = nxamodtest::nextDefinition<ssize_t (*)(int, void*, size_t)>("read");
+    static auto next = nxatest::nextDefinition<ssize_t (*)(int, void*, size_t)>("read");
     if (fd >= 0 && fd == fault::countFd) ++fault::countedCalls;
     if (fd >= 0 && fd == fault::readFd) {
         errno = fault::readErrno;
@@ -84,7 +84,7 @@ extern "C" ssize_t read(int fd, void* buf, size_t count) {
 }
 
 extern "C" ssize_t write(int fd, void const* buf, size_t count) {
-    static auto next = nxamodtest::nextDefinition<ssize_t (*)(int, void const*, size_t)>("write");
+    static auto next = nxatest::nextDefinition<ssize_t (*)(int, void const*, size_t)>("write");
     if (fd >= 0 && fd == fault::countFd) ++fault::countedCalls;
     if (fd >= 0 && fd == fault::writeFd) {
         long limit = fault::writeLimit;
@@ -97,7 +97,7 @@ extern "C" ssize_t write(int fd, void const* buf, size_t count) {
 }
 
 extern "C" int close(int fd) {
-    static auto next = nxamodtest::nextDefinition<int (*)(int)>("close");
+    static auto next = nxatest::nextDefinition<int (*)(int)>("close");
     if (fault::recordCloses) {
         std::lock_guard<std::mutex> lock(fault::closesMutex);
         fault::closes.push_back(fd);
@@ -106,7 +106,7 @@ extern "C" int close(int fd) {
 }
 
 extern "C" pid_t setsid() __THROW {
-    static auto next = nxamodtest::nextDefinition<pid_t (*)()>("setsid");
+    static auto next = nxatest::nextDefinition<pid_t (*)()>("setsid");
     if (int err = fault::setsidErrno) {
         errno = err;
         return -1;
@@ -115,7 +115,7 @@ extern "C" pid_t setsid() __THROW {
 }
 
 extern "C" int dup2(int from, int to) __THROW {
-    static auto next = nxamodtest::nextDefinition<int (*)(int, int)>("dup2");
+    static auto next = nxatest::nextDefinition<int (*)(int, int)>("dup2");
     if (int err = fault::dup2Errno) {
         if (::getpid() != fault::dup2Parent) {
             errno = err;
@@ -126,7 +126,7 @@ extern "C" int dup2(int from, int to) __THROW {
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...) __THROW {
-    static auto next = nxamodtest::nextDefinition<int (*)(int, unsigned long, void*)>("ioctl");
+    static auto next = nxatest::nextDefinition<int (*)(int, unsigned long, void*)>("ioctl");
     va_list args;
     va_start(args, request);
     void* arg = va_arg(args, void*);
@@ -141,7 +141,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) __THROW {
 }
 
 extern "C" int tcgetattr(int fd, termios* attrs) __THROW {
-    static auto next = nxamodtest::nextDefinition<int (*)(int, termios*)>("tcgetattr");
+    static auto next = nxatest::nextDefinition<int (*)(int, termios*)>("tcgetattr");
     if (fd >= 0 && fd == fault::tcgetattrFd) {
         errno = EIO;
         return -1;
@@ -150,7 +150,7 @@ extern "C" int tcgetattr(int fd, termios* attrs) __THROW {
 }
 
 extern "C" int tcsetattr(int fd, int action, termios const* attrs) __THROW {
-    static auto next = nxamodtest::nextDefinition<int (*)(int, int, termios const*)>("tcsetattr");
+    static auto next = nxatest::nextDefinition<int (*)(int, int, termios const*)>("tcsetattr");
     if (fd >= 0 && fd == fault::tcsetattrFd) {
         errno = ENOTTY;
         return -1;
@@ -159,7 +159,7 @@ extern "C" int tcsetattr(int fd, int action, termios const* attrs) __THROW {
 }
 
 pid_t Proc::fork() {
-    static auto next = nxamodtest::nextDefinition<pid_t (*)(Proc*)>("_ZN4Proc4forkEv");
+    static auto next = nxatest::nextDefinition<pid_t (*)(Proc*)>("_ZN4Proc4forkEv");
     ++fault::forkCalls;
     if (int err = fault::forkErrno) {
         errno = err;
@@ -169,7 +169,7 @@ pid_t Proc::fork() {
 }
 
 void Proc::stop(pid_t pid) {
-    static auto next = nxamodtest::nextDefinition<void (*)(Proc*, pid_t)>("_ZN4Proc4stopEi");
+    static auto next = nxatest::nextDefinition<void (*)(Proc*, pid_t)>("_ZN4Proc4stopEi");
     {
         std::lock_guard<std::mutex> lock(fault::stopsMutex);
         fault::stops.push_back(pid);
@@ -391,12 +391,11 @@ TEST_F(ModuleFault, QuietTurnAllocatesNothingAndLeavesTheTerminalAlone) {
     for (int i = 0; i < 3; ++i) turn();  // the sets and the wait's buffer have grown
     fault::countFd = master();
     fault::countedCalls = 0;
-    nxamodtest::allocations = 0;
-    nxamodtest::countAllocations = true;
+    long const before = nxatest::allocations();
     for (int i = 0; i < 10; ++i) turn();
-    nxamodtest::countAllocations = false;
+    long const made = nxatest::allocations() - before;
     fault::countFd = -1;
-    EXPECT_EQ(nxamodtest::allocations, 0);
+    EXPECT_EQ(made, 0);
     EXPECT_EQ(fault::countedCalls, 0);
 }
 
@@ -412,13 +411,12 @@ TEST_F(ModuleFault, TurnWithOutputReadsTheTerminalOnce) {
     }));
     fault::countFd = m;
     fault::countedCalls = 0;
-    nxamodtest::allocations = 0;
-    nxamodtest::countAllocations = true;
+    long const before = nxatest::allocations();
     pollOnce(*module);
-    nxamodtest::countAllocations = false;
+    long const made = nxatest::allocations() - before;
     fault::countFd = -1;
     EXPECT_EQ(fault::countedCalls, 1);
-    EXPECT_GT(nxamodtest::allocations, 0);  // the shared chunk: the counter does count
+    EXPECT_GT(made, 0);  // the shared chunk: the counter does count
     std::string log;
     module->getRunLog(log);
     EXPECT_EQ(log, "more\n");

@@ -9,7 +9,6 @@
 #include <vlplatform/fs.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "sandbox.h"
@@ -156,42 +155,6 @@ int testProcessCount() {
     return count;
 }
 
-Background::Background(std::string const& command) {
-    static int serial = 0;
-    file_ = "/tmp/nxa-module-bg." + std::to_string(::getpid()) + "." + std::to_string(++serial);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::setpgid(0, 0);
-        int out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int in = ::open("/dev/null", O_RDONLY);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(out, 2);
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    if (pid_ > 0) ::setpgid(pid_, pid_);
-}
-
-Background::~Background() {
-    if (pid_ <= 0) return;
-    ::kill(-pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    ::unlink(file_.c_str());
-}
-
-std::string Background::output() const {
-    return nxatest::readFile(file_);
-}
-
-int Background::wait(milliseconds timeout) {
-    int status = -1;
-    bool done = nxatest::waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
-    if (!done) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 void publishSystem(std::string const& to, std::string const& sender, int kind, std::string const& text) {
     std::string command = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p 20010 -t " + quoted("vlpbus/" + to) +
                           " -m " + quoted(text) + " -D publish user-property vlp-sender " + quoted(sender) +
@@ -216,7 +179,7 @@ BusSubscriber::BusSubscriber(std::string const& name)
 }
 
 bool BusSubscriber::waitFor(std::string const& text, milliseconds timeout) const {
-    return nxatest::waitUntil([&] { return output().find(text) != std::string::npos; }, timeout);
+    return sub_.waitFor(text, timeout);
 }
 
 }  // namespace nxamodtest

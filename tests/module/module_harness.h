@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 
+#include "background.h"
 #include "nxa_test_access.h"
 #include "nxaclient.h"
 
@@ -61,23 +62,8 @@ ChildEnd waitChildEnd(pid_t pid, milliseconds timeout = std::chrono::seconds(10)
 // The number of live processes running this test binary (this one included).
 int testProcessCount();
 
-// A shell command running in the background in its own process group, its
-// standard output and error going to a file. The destructor kills the group.
-class Background {
-public:
-    explicit Background(std::string const& command);
-    ~Background();
-    Background(Background const&) = delete;
-    Background& operator=(Background const&) = delete;
-
-    std::string output() const;
-    // Waits for the command to end; its exit status, -1 on time-out.
-    int wait(milliseconds timeout = std::chrono::seconds(10));
-
-private:
-    pid_t pid_ = -1;
-    std::string file_;
-};
+// A shell command in the background (tests/support/background.h).
+using nxatest::Background;
 
 // Publishes a system message with mosquitto_pub (MQTT v5) to the bus
 // participant `to`, as `sender`, with kind code `kind` and `text` as payload.

@@ -32,7 +32,7 @@ std::vector<std::string> reads;
 
 IniParser::IniParser(std::string const& path, unsigned debug) {
     using Real = void (*)(IniParser*, std::string const&, unsigned);
-    static auto next = nxamodtest::nextDefinition<Real>(
+    static auto next = nxatest::nextDefinition<Real>(
         "_ZN9IniParserC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEj");
     fault::reads.push_back(path);
     if (path == fault::failingPath) fault::raise();

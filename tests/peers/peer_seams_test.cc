@@ -2,7 +2,6 @@
 // demand: a write that returns 0, a write cut at an exact length, a write
 // error in the middle of a chunk, and a bus send that fails. This binary
 // replaces write() and VLPBusClient::sendTo() for the library.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "capture.h"
+#include "interpose.h"
 #include "module_fixture.h"
 #include "shell.h"
 
@@ -36,7 +36,7 @@ bool failSend = false;
 
 extern "C" ssize_t write(int fd, void const* buf, size_t count) {
     using Fn = ssize_t (*)(int, void const*, size_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "write"));
+    static Fn real = nxatest::nextDefinition<Fn>("write");
     if (fd != seam::fd || seam::steps.empty()) return real(fd, buf, count);
     seam::WriteStep step = seam::steps.front();
     seam::steps.erase(seam::steps.begin());

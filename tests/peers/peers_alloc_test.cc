@@ -1,6 +1,6 @@
 // What Peers::push allocates: one shared chunk per push, whatever the number
 // of peers, and nothing at all without peers. This binary counts every
-// operator new of the process.
+// operator new (tests/support/alloc_counter.h).
 #include <string>
 
 #include "alloc_counter.h"
@@ -12,9 +12,9 @@ class PeersAllocations : public peerstest::ModuleTest {
 protected:
     // Allocations made by one push of `bytes`.
     long pushCounted(std::string const& bytes) {
-        long before = peerstest::allocations;
+        long const before = nxatest::allocations();
         push(bytes);
-        return peerstest::allocations - before;
+        return nxatest::allocations() - before;
     }
 };
 

@@ -1,27 +1,16 @@
 #include "subscriber.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <csignal>
-#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
+#include "hex.h"
 #include "sandbox.h"
 #include "shell.h"
 
 namespace peerstest {
 
 namespace {
-
-std::string hexToBytes(std::string const& hex) {
-    std::string out;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
 
 // One printed line "<topic>|<prop> <prop>...|<hex payload>".
 bool parseLine(std::string const& line, std::string const& topic, Received& out) {
@@ -30,50 +19,37 @@ bool parseLine(std::string const& line, std::string const& topic, Received& out)
     std::istringstream props(line.substr(topic.size() + 1, bar - topic.size() - 1));
     std::string prop;
     while (props >> prop) out.properties.insert(prop);
-    out.payload = hexToBytes(line.substr(bar + 1));
+    out.payload = nxatest::fromHex(line.substr(bar + 1));
     return true;
+}
+
+// mosquitto_sub on the participant's topic and on a probe topic of its own.
+std::string subscriberCommand(std::string const& topic, std::string const& probe) {
+    return "exec mosquitto_sub -V mqttv5 -h 127.0.0.1 -p " + std::to_string(nxatest::kBusPort) + " -t '" +
+           topic + "' -t '" + probe + "' -F '%t|%P|%x'";
 }
 
 }  // namespace
 
-Subscriber::Subscriber(std::string const& id) : id_(id) {
-    char name[] = "/tmp/nxatest-sub.XXXXXX";
-    int fd = mkstemp(name);
-    if (fd < 0) throw std::runtime_error("cannot create the subscriber's output file");
-    output_ = name;
-    std::string port = std::to_string(nxatest::kBusPort);
-    std::string topic = "vlpbus/" + id, probe = "probe/" + id;
-    pid_ = fork();
-    if (pid_ == 0) {
-        dup2(fd, 1);
-        dup2(fd, 2);
-        execlp("mosquitto_sub", "mosquitto_sub", "-V", "mqttv5", "-h", "127.0.0.1", "-p", port.c_str(), "-t",
-               topic.c_str(), "-t", probe.c_str(), "-F", "%t|%P|%x", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(fd);
-    if (pid_ < 0) throw std::runtime_error("cannot fork mosquitto_sub");
+Subscriber::Subscriber(std::string const& id)
+    : id_(id), sub_(subscriberCommand("vlpbus/" + id, "probe/" + id)) {
+    std::string const probe = "probe/" + id;
     // Subscribed once a probe sent to it comes back out.
-    std::string pub = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p " + port + " -t " + probe + " -m ready";
-    bool ready = nxatest::waitUntil(
+    std::string const pub = "mosquitto_pub -V mqttv5 -h 127.0.0.1 -p " + std::to_string(nxatest::kBusPort) +
+                            " -t '" + probe + "' -m ready";
+    bool const ready = nxatest::waitUntil(
         [&] {
             nxatest::shell(pub);
-            return nxatest::waitUntil(
-                [&] { return nxatest::readFile(output_).find(probe + "|") != std::string::npos; },
-                std::chrono::milliseconds(200));
+            return nxatest::waitUntil([&] { return sub_.output().find(probe + "|") != std::string::npos; },
+                                      std::chrono::milliseconds(200));
         },
         std::chrono::seconds(20));
-    if (!ready) throw std::runtime_error("mosquitto_sub did not subscribe: " + nxatest::readFile(output_));
-}
-
-Subscriber::~Subscriber() {
-    leave();
-    unlink(output_.c_str());
+    if (!ready) throw std::runtime_error("mosquitto_sub did not subscribe: " + sub_.output());
 }
 
 std::vector<Received> Subscriber::messages() const {
     std::vector<Received> out;
-    std::string text = nxatest::readFile(output_);
+    std::string const text = sub_.output();
     // Only whole lines: the last one may still be being written.
     for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
         Received r;
@@ -87,10 +63,8 @@ bool Subscriber::waitFor(std::size_t count, std::chrono::milliseconds timeout) c
 }
 
 void Subscriber::leave() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    sub_.signal(SIGKILL);
+    sub_.wait();
 }
 
 }  // namespace peerstest

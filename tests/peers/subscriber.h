@@ -2,12 +2,12 @@
 // listening on a participant's topic "vlpbus/<id>" of the sandbox's broker.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "background.h"
 
 namespace peerstest {
 
@@ -22,10 +22,6 @@ public:
     // Starts mosquitto_sub for "vlpbus/<id>" and returns once it is subscribed.
     // Throws std::runtime_error when it cannot be started or never subscribes.
     explicit Subscriber(std::string const& id);
-    // Ends the subscriber if it still runs.
-    ~Subscriber();
-    Subscriber(Subscriber const&) = delete;
-    Subscriber& operator=(Subscriber const&) = delete;
 
     // The messages received on "vlpbus/<id>" so far, in order.
     std::vector<Received> messages() const;
@@ -36,8 +32,7 @@ public:
 
 private:
     std::string id_;
-    std::string output_;
-    pid_t pid_ = -1;
+    nxatest::Background sub_;  // ended, if it still runs, when the subscriber is destroyed
 };
 
 }  // namespace peerstest

@@ -2,7 +2,6 @@
 #include "vlplatform/net.h"
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -17,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "interpose.h"
 #include "vlplatform/descriptors.h"
 #include "vlplatform/exceptions.h"
 
@@ -35,7 +35,7 @@ bool resolvable(char const* node) {
 extern "C" int getaddrinfo(char const* node, char const* service, addrinfo const* hints, addrinfo** res) {
     if (!resolvable(node)) return EAI_NONAME;
     using Fn = int (*)(char const*, char const*, addrinfo const*, addrinfo**);
-    static auto real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    static auto real = nxatest::nextDefinition<Fn>("getaddrinfo");
     return real(node, service, hints, res);
 }
 

@@ -1,7 +1,6 @@
 // Proc: forking, reaping, and stopping children and their process groups.
 #include "vlplatform/proc.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "interpose.h"
 #include "shell.h"
 
 namespace {
@@ -31,7 +31,7 @@ extern "C" pid_t fork() {
         errno = failForkWith;
         return -1;
     }
-    static auto real = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
+    static auto real = nxatest::nextDefinition<pid_t (*)()>("fork");
     return real();
 }
 
@@ -179,7 +179,9 @@ TEST(Proc, WaitChildrenWithoutWaitDoesNotBlockOnRunningChild) {
     std::set<int> ended;
     auto start = Clock::now();
     proc.waitChildren(false, &ended);
-    EXPECT_LT(msSince(start), 1000);
+    // Not blocking: one that waited for the child would not return before the
+    // test lets it end; the bound leaves room for a loaded machine.
+    EXPECT_LT(msSince(start), 5000);
     EXPECT_TRUE(ended.empty());
     EXPECT_EQ(proc.children(), std::set<int>{pid});
 
@@ -378,8 +380,8 @@ TEST(Proc, StopAllEndsChildrenIgnoringSigtermInOneGraceTime) {
     proc.stopAll();
     long long elapsed = msSince(start);
     EXPECT_GE(elapsed, Proc::stopGraceMs);
-    // Four stops one after another would take four grace times.
-    EXPECT_LT(elapsed, 3 * Proc::stopGraceMs) << "each child had a grace time of its own";
+    // Four stops one after another would take four grace times at least.
+    EXPECT_LT(elapsed, 4 * Proc::stopGraceMs) << "each child had a grace time of its own";
     EXPECT_TRUE(proc.children().empty());
     for (pid_t pid : pids) EXPECT_TRUE(isReaped(pid));
 }

@@ -1,7 +1,6 @@
 // getTotalRam, getMachine and getCmdCallOutput.
 #include "vlplatform/system.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/sysinfo.h>
@@ -15,6 +14,7 @@
 #include <string>
 
 #include "capture.h"
+#include "interpose.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ extern "C" int uname(struct utsname* names) {
         errno = failUnameWith;
         return -1;
     }
-    static auto real = reinterpret_cast<int (*)(struct utsname*)>(dlsym(RTLD_NEXT, "uname"));
+    static auto real = nxatest::nextDefinition<int (*)(struct utsname*)>("uname");
     int rc = real(names);
     if (rc == 0 && fakeMachine) {
         std::strncpy(names->machine, fakeMachine, sizeof names->machine - 1);
