@@ -63,7 +63,7 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
     if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
     // An ended program whose output is drained is reported at the latest after its settle limit.
-    if (supervisor_.settling()) sooner(20);
+    if (supervisor_.settling()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
     for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
         if (due)

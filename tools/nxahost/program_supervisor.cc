@@ -73,10 +73,8 @@ bool ProgramSupervisor::settle(Clock::time_point now) {
     bool any = false;
     for (auto it = unsettled_.begin(); it != unsettled_.end();) {
         NXAClient::Module* module = client_.modules.find(it->first);
-        auto const waited = now - it->second;
-        bool const drained = module == nullptr ||
-                             (module->pendingOutput() == 0 && waited >= kSettleAtLeast) ||
-                             waited >= kSettleLimit;
+        bool const drained =
+            module == nullptr || module->pendingOutput() == 0 || now - it->second >= kSettleLimit;
         if (!drained) {
             ++it;
             continue;

@@ -93,10 +93,6 @@ private:
     // Ended programs not yet reported, with when their end was seen.
     std::map<std::string, Clock::time_point> unsettled_;
     static constexpr std::chrono::seconds kSettleLimit{1};
-    // What a program wrote just before it ended may reach the terminal's
-    // master a little after the end is seen (the kernel hands it over
-    // asynchronously): an empty master counts as drained only after this.
-    static constexpr std::chrono::milliseconds kSettleAtLeast{20};
     std::mt19937 random_;
 };
 
