@@ -42,6 +42,16 @@ void report(benchmark::State& state, long allocs) {
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
+// One turn of the host's loop with a wait that does not block.
+void turn(NXAClient& client, FdSet& rd, FdSet& wr) {
+    rd.clear();
+    wr.clear();
+    client.addFds(rd, wr);
+    waitFds(rd, wr, 0);
+    client.handleInput(rd);
+    client.handleOutput(wr);
+}
+
 void BM_IdleLibrary(benchmark::State& state) {
     auto client = clientWith(state.range(0));
     FdSet rd, wr, none, noneWr;
@@ -62,12 +72,7 @@ void BM_IdleTurn(benchmark::State& state) {
     FdSet rd, wr;
     long before = nxatest::allocations();
     for (auto _ : state) {
-        rd.clear();
-        wr.clear();
-        client->addFds(rd, wr);
-        waitFds(rd, wr, 0);
-        client->handleInput(rd);
-        client->handleOutput(wr);
+        turn(*client, rd, wr);
     }
     report(state, nxatest::allocations() - before);
 }
@@ -83,12 +88,7 @@ void BM_IdleTurnCold(benchmark::State& state) {
         std::memset(other.data(), static_cast<int>(state.iterations()), other.size());
         benchmark::ClobberMemory();
         state.ResumeTiming();
-        rd.clear();
-        wr.clear();
-        client->addFds(rd, wr);
-        waitFds(rd, wr, 0);
-        client->handleInput(rd);
-        client->handleOutput(wr);
+        turn(*client, rd, wr);
     }
     report(state, nxatest::allocations() - before);
 }

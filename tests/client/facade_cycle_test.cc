@@ -24,6 +24,7 @@
 
 #include "capture.h"
 #include "interpose.h"
+#include "loopback_client.h"
 #include "module_harness.h"
 #include "package_builder.h"
 #include "registry_fixture.h"
@@ -62,37 +63,7 @@ std::string startingLine(std::string const& name, pid_t pid) {
            "\", childpid=" + std::to_string(pid) + "\n";
 }
 
-// A TCP client of a module's port, reading without waiting.
-class TcpClient {
-public:
-    explicit TcpClient(unsigned short port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << std::strerror(errno);
-    }
-    ~TcpClient() { ::close(fd_); }
-    TcpClient(TcpClient const&) = delete;
-    TcpClient& operator=(TcpClient const&) = delete;
-
-    void send(std::string const& bytes) {
-        EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-    // Everything received so far.
-    std::string const& received() {
-        char buf[4096];
-        ssize_t n;
-        while ((n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            received_.append(buf, static_cast<std::size_t>(n));
-        return received_;
-    }
-
-private:
-    int fd_ = -1;
-    std::string received_;
-};
+using TcpClient = nxatest::LoopbackClient;
 
 class FacadeCycle : public ::testing::Test {
 protected:

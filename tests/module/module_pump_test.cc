@@ -15,6 +15,7 @@
 #include <cerrno>
 
 #include "capture.h"
+#include "loopback_client.h"
 #include "module_harness.h"
 #include "sandbox.h"
 #include "shell.h"
@@ -50,32 +51,8 @@ std::vector<std::string> linesWith(std::string const& text, std::string const& p
 }
 
 // A TCP client of the module's port.
-class Client {
-public:
-    Client() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(kPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    }
-    ~Client() { ::close(fd_); }
-    void send(std::string const& bytes) {
-        EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-    // Everything received so far (without waiting).
-    std::string const& received() {
-        char buf[4096];
-        ssize_t n;
-        while ((n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            received_.append(buf, static_cast<std::size_t>(n));
-        return received_;
-    }
-
-private:
-    int fd_ = -1;
-    std::string received_;
+struct Client : nxatest::LoopbackClient {
+    Client() : LoopbackClient(kPort) {}
 };
 
 class ModulePump : public ::testing::Test {
