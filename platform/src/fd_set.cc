@@ -42,6 +42,29 @@ void FdSet::remove(int fd) {
     if (word < bits_.size()) bits_[word] &= ~bitOf(fd);
 }
 
+void FdSet::merge(FdSet const& other) {
+    if (other.bits_.size() > bits_.size()) bits_.resize(other.bits_.size(), 0);
+    for (std::size_t i = 0; i < other.bits_.size(); ++i) bits_[i] |= other.bits_[i];
+    count_ = std::max(count_, other.count_);
+}
+
+int FdSet::next(int from) const {
+    if (from < 0) from = 0;
+    std::size_t word = wordOf(from);
+    if (word >= bits_.size()) return -1;
+    // The bits below `from` in its word are left out.
+    std::uint64_t pending = bits_[word] & (~std::uint64_t{0} << (static_cast<unsigned>(from) % kWordBits));
+    for (;;) {
+        while (pending != 0) {
+            int const fd = static_cast<int>(word) * kWordBits + __builtin_ctzll(pending);
+            if (filledAt_ == kNotFilled || existedWhenFilled(fd)) return fd;
+            pending &= pending - 1;
+        }
+        if (++word >= bits_.size()) return -1;
+        pending = bits_[word];
+    }
+}
+
 int waitFds(FdSet& rd, FdSet& wr, int timeoutMs) {
     vlp::InterestSet& interest = vlp::InterestSet::ofThisThread();
     if (interest.update(rd.bits_, wr.bits_) == -1) return -1;

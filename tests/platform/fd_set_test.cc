@@ -8,11 +8,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <thread>
+#include <vector>
+
+#include "vlplatform/descriptors.h"
 
 namespace {
 
@@ -129,6 +133,59 @@ TEST(FdSet, RemoveUnmarksButKeepsCount) {
     set.remove(4000);
     EXPECT_FALSE(set.isSet(9));
     EXPECT_EQ(set.count(), 10);
+}
+
+TEST(FdSet, MergeAddsTheOtherSetsDescriptorsAndTakesTheLargerCount) {
+    FdSet set, other;
+    set.add(3);
+    other.add(5);
+    other.add(700);
+    set.merge(other);
+    EXPECT_TRUE(set.isSet(3));
+    EXPECT_TRUE(set.isSet(5));
+    EXPECT_TRUE(set.isSet(700));
+    EXPECT_FALSE(set.isSet(4));
+    EXPECT_EQ(set.count(), 701);
+    FdSet small;
+    small.add(1);
+    set.merge(small);
+    EXPECT_TRUE(set.isSet(1));
+    EXPECT_EQ(set.count(), 701);
+    EXPECT_FALSE(small.isSet(700)) << "the other set is left as it was";
+}
+
+TEST(FdSet, NextWalksTheDescriptorsInOrderAcrossWords) {
+    FdSet set;
+    for (int fd : {0, 63, 64, 130, 5000}) set.add(fd);
+    std::vector<int> seen;
+    for (int fd = set.next(0); fd != -1; fd = set.next(fd + 1)) seen.push_back(fd);
+    EXPECT_EQ(seen, (std::vector<int>{0, 63, 64, 130, 5000}));
+    EXPECT_EQ(set.next(-7), 0);
+    EXPECT_EQ(set.next(65), 130);
+    EXPECT_EQ(set.next(5001), -1);
+    EXPECT_EQ(set.next(100000), -1);
+    EXPECT_EQ(FdSet().next(0), -1);
+}
+
+TEST(FdSet, NextLeavesOutWhatIsSetNoLongerAfterAWait) {
+    Pipe first, second;
+    ASSERT_EQ(write(first.wr, "x", 1), 1);
+    ASSERT_EQ(write(second.wr, "y", 1), 1);
+    FdSet rd, wr;
+    rd.add(first.rd);
+    rd.add(second.rd);
+    ASSERT_EQ(waitFds(rd, wr, 5000), 2);
+    int const lower = std::min(first.rd, second.rd);
+    int const higher = std::max(first.rd, second.rd);
+    ASSERT_EQ(rd.next(0), lower);
+    // The lower number now means another open file: the ready mark is not its.
+    noteDescriptorOpened(lower);
+    EXPECT_FALSE(rd.isSet(lower));
+    EXPECT_EQ(rd.next(0), higher);
+    EXPECT_EQ(rd.next(higher + 1), -1);
+    // The record says the number is open; it is closed through the record.
+    closeDescriptor(lower);
+    (lower == first.rd ? first.rd : second.rd) = -1;
 }
 
 TEST(WaitFds, ReportsReadableAndKeepsOnlyReadyOnes) {

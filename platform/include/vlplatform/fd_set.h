@@ -61,6 +61,14 @@ public:
     void clear();
     // Removes fd from the set (count() is not lowered).
     void remove(int fd);
+    // Adds every descriptor of `other` (count() becomes the larger of the two).
+    // Meant for sets not filled by waitFds: what `other` holds is taken as stored.
+    void merge(FdSet const& other);
+    // The lowest descriptor at or above `from` for which isSet() is true, or
+    // -1 when there is none. Walking a set with it costs its size in words
+    // plus the descriptors found, so the ready ones of a large set are found
+    // without asking for each registered one.
+    int next(int from) const;
 
 private:
     friend int waitFds(FdSet& rd, FdSet& wr, int timeoutMs);
