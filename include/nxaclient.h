@@ -32,6 +32,7 @@ struct NXATestAccess;
 class NXAClient {
 public:
     class Module;
+    class Modules;
     class Peer;
 
     // One chunk of a module's terminal output, exactly as read. Made once by
@@ -345,6 +346,18 @@ public:
         void readTerminal();
         void writeTerminal();
         void serveBus();
+        // Called by every operation that may change what addFds() registers:
+        // lists the module once with the registry that keeps its descriptors
+        // between turns (see Modules::addFdsCached), if one does.
+        void noteChanged() const;
+
+        // Where noteChanged() lists the module; set by the registry.
+        struct ChangeNote {
+            std::vector<std::size_t>* changed = nullptr;  // null: nobody keeps the descriptors
+            std::size_t slot = 0;                         // the module's place in the registry
+            bool listed = false;
+        };
+        mutable ChangeNote changeNote;
 
         std::string name;
         pid_t childpid;
@@ -360,6 +373,7 @@ public:
         Peers peers;
         PeerLog& runlog;
 
+        friend class Modules;
         friend struct ::NXATestAccess;
     };
 
@@ -400,6 +414,21 @@ public:
         void addFds(FdSet& rd, FdSet& wr) const;
         void handleInput(FdSet const& rd) const;
         void handleOutput(FdSet const& wr) const;
+
+        // The same turn at a cost that follows the modules with something to
+        // do rather than all modules, for hosts with many mostly idle ones.
+        // addFdsCached() adds exactly the descriptors addFds() would add: the
+        // registry keeps every module's descriptors from one turn to the next
+        // and asks again only the modules that were served or called since
+        // (any operation of a Module that may change them tells the registry).
+        void addFdsCached(FdSet& rd, FdSet& wr);
+        // Does what handleInput(rd) followed by handleOutput(wr) does, visiting
+        // only the modules that have a descriptor set in `rd` or `wr`: first
+        // handleInput(rd) of each of them, then handleOutput(wr) of each, in
+        // configuration order (a module with nothing set does nothing in
+        // either). The first exception leaves at once, as there.
+        void handleReady(FdSet const& rd, FdSet const& wr);
+
         // Acts on kind 4 "71-NXAStartOutput"/"72-NXAStopOutput" (trace only) and on
         // kind 34 (text pushed to every module's peers). True when the message was
         // meant for the modules.
@@ -411,10 +440,17 @@ public:
         void getRunLog(std::string& out) const;
 
     private:
+        class ReadyIndex;
+        // The index behind addFdsCached() and handleReady(), made by their
+        // first call and rebuilt whenever the list changes.
+        ReadyIndex& readyIndex();
+        void forgetReadyIndex();
+
         unsigned short port;
         unsigned long maxModules;
         std::vector<std::unique_ptr<Module>> list;
         Proc proc;
+        std::unique_ptr<ReadyIndex> ready;
 
         friend struct ::NXATestAccess;
     };
@@ -454,6 +490,11 @@ public:
     bool handle(RouterMessage const& msg) const;
     void handleInput(FdSet const& rd) const;
     void handleOutput(FdSet const& wr) const;
+    // The turn at the cost of what is ready (see Modules::addFdsCached and
+    // Modules::handleReady): for a host that waits with waitFds, whose cost
+    // follows the ready descriptors too.
+    void addFdsCached(FdSet& rd, FdSet& wr);
+    void handleReady(FdSet const& rd, FdSet const& wr);
     // Replaces `out` by the run logs of all modules, in configuration order.
     void getRunLog(std::string& out) const;
     std::vector<std::string> getModulesInstalled() const;

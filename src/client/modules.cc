@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "nxaclient.h"
+#include "ready_index.h"
 #include "trace.h"
 
 using nxa::trace::kModules;
@@ -36,6 +37,7 @@ void NXAClient::Modules::scan(std::string const& dir) {
     if (uname(&system) != 0) throw IOException(errno, "cannot get architecture from system");
     NXA_DEBUG(kModules, "machine=", system.machine);
     std::string const machine = system.machine;
+    forgetReadyIndex();
     for (auto it = list.begin(); it != list.end();) {
         if ((*it)->scan(dir, machine)) {
             ++it;

@@ -9,6 +9,7 @@
 
 #include "nxaclient.h"
 #include "output_messages.h"
+#include "ready_index.h"
 #include "trace.h"
 
 using nxa::trace::kModules;
@@ -25,6 +26,7 @@ void NXAClient::Modules::run() {
 
 void NXAClient::Modules::stop() {
     NXA_DEBUG(kModules, "pid=", getpid());
+    forgetReadyIndex();
     for (auto& module : list) module.reset();
     list.clear();
     NXA_DEBUG(kModules, "pid=", getpid(), " done");

@@ -64,6 +64,14 @@ void NXAClient::handleOutput(FdSet const& wr) const {
     modules.handleOutput(wr);
 }
 
+void NXAClient::addFdsCached(FdSet& rd, FdSet& wr) {
+    modules.addFdsCached(rd, wr);
+}
+
+void NXAClient::handleReady(FdSet const& rd, FdSet const& wr) {
+    modules.handleReady(rd, wr);
+}
+
 void NXAClient::getRunLog(std::string& out) const {
     out.clear();
     modules.getRunLog(out);

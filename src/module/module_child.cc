@@ -32,6 +32,7 @@ void closeIfOpen(int fd) {
 }  // namespace
 
 void NXAClient::Module::run() {
+    noteChanged();
     NXA_DEBUG(kModule, "pid=", ::getpid(), " name=", name);
     try {
         childpid = proc.fork();
@@ -83,6 +84,7 @@ void NXAClient::Module::exec() {
 }
 
 void NXAClient::Module::stop() {
+    noteChanged();
     NXA_DEBUG(kModule, "pid=", ::getpid());
     peers.close();
     closeDescriptors();

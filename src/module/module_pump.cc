@@ -43,7 +43,14 @@ void NXAClient::Module::addFds(FdSet& rd, FdSet& wr) const {
     peers.addFds(rd, wr);
 }
 
+void NXAClient::Module::noteChanged() const {
+    if (changeNote.changed == nullptr || changeNote.listed) return;
+    changeNote.listed = true;
+    changeNote.changed->push_back(changeNote.slot);
+}
+
 void NXAClient::Module::handleInput(FdSet const& rd) {
+    noteChanged();
     if (serverfd >= 0 && rd.isSet(serverfd)) acceptConnection();
     if (master >= 0 && rd.isSet(master)) readTerminal();
     if (bus != nullptr && bus->fd() >= 0 && rd.isSet(bus->fd())) serveBus();
@@ -88,6 +95,7 @@ void NXAClient::Module::serveBus() {
 }
 
 void NXAClient::Module::handleOutput(FdSet const& wr) {
+    noteChanged();
     if (master >= 0 && wr.isSet(master) && !bufConn2Child.empty()) writeTerminal();
     peers.write(wr);
 }
@@ -109,6 +117,7 @@ void NXAClient::Module::writeTerminal() {
 }
 
 void NXAClient::Module::handleMessage(MessageBase const& msg) {
+    noteChanged();
     NXA_DEBUG(kModule, "msg=", msg);
     auto const* router = dynamic_cast<RouterMessage const*>(&msg);
     if (router == nullptr) return;
@@ -125,6 +134,7 @@ void NXAClient::Module::handleMessage(MessageBase const& msg) {
 }
 
 void NXAClient::Module::handleInput(SystemMessage const& sm) {
+    noteChanged();
     std::string const& text = sm.text();
     if (text.empty()) return;
     peers.push(reinterpret_cast<unsigned char const*>(text.data()), text.size());

@@ -14,6 +14,7 @@ constexpr char kBusServer[] = "VLPBusServer";
 }  // namespace
 
 void NXAClient::Module::restart() {
+    noteChanged();
     if (childpid != -1) {
         proc.stop(childpid);
         childpid = -1;
@@ -39,6 +40,8 @@ std::size_t NXAClient::Module::pendingOutput() const {
 }
 
 void NXAClient::Module::announce(std::string const& state) const {
+    // A send that fails may take the connection down.
+    noteChanged();
     if (!busConnected()) return;
     SystemSetStateVlpBusMessage message(state, "", 0);
     bus->sendTo(bus->name(), kBusServer, message.clone());
@@ -49,6 +52,7 @@ bool NXAClient::Module::busConnected() const {
 }
 
 bool NXAClient::Module::reconnectBus() {
+    noteChanged();
     if (bus == nullptr) return false;
     if (bus->isConnected()) return true;
     bus->connectToServer();

@@ -32,6 +32,9 @@ struct NXATestAccess {
     static pid_t childpid(NXAClient::Module const& module) { return module.childpid; }
     // The module's listening socket.
     static int serverfd(NXAClient::Module const& module) { return module.serverfd; }
+    // Whether the module has told the registry's kept descriptors of a change
+    // not yet taken (every visit of the turn's handlers does).
+    static bool listedAsChanged(NXAClient::Module const& module) { return module.changeNote.listed; }
     // The two sides of the module's terminal, -1 once closed.
     static int master(NXAClient::Module const& module) { return module.master; }
     static int slave(NXAClient::Module const& module) { return module.slave; }
