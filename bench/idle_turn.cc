@@ -4,8 +4,10 @@
 // ("turn": waitFds with a time-out of 0 on the sets the modules filled, which
 // finds nothing ready), and with a cold cache ("cold": before each turn,
 // outside the timing, 2 MiB are written, as the kernel's work of a busy turn
-// pushes the modules out of the caches). Reports the time per module and the
-// allocations per turn ("allocs"). The modules connect to the bus on the fixed port; run
+// pushes the modules out of the caches), and the same turns as nxahost makes
+// them ("ready": the registry's kept descriptors, and only the modules with
+// something ready visited). Reports the time per module and the allocations
+// per turn ("allocs"). The modules connect to the bus on the fixed port; run
 //   tests/sandbox/nxa-sandbox --broker -- <build>/bench/idle_turn_bench
 #include <benchmark/benchmark.h>
 #include <vlplatform/fd_set.h>
@@ -42,14 +44,44 @@ void report(benchmark::State& state, long allocs) {
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-// One turn of the host's loop with a wait that does not block.
-void turn(NXAClient& client, FdSet& rd, FdSet& wr) {
+// One turn of the host's loop with a wait that does not block: every module
+// visited ("turn"), or the kept descriptors and only the ready modules
+// visited ("ready", as nxahost turns).
+void fullTurn(NXAClient& client, FdSet& rd, FdSet& wr) {
     rd.clear();
     wr.clear();
     client.addFds(rd, wr);
     waitFds(rd, wr, 0);
     client.handleInput(rd);
     client.handleOutput(wr);
+}
+
+void readyTurn(NXAClient& client, FdSet& rd, FdSet& wr) {
+    rd.clear();
+    wr.clear();
+    client.addFdsCached(rd, wr);
+    waitFds(rd, wr, 0);
+    client.handleReady(rd, wr);
+}
+
+using Turn = void (*)(NXAClient&, FdSet&, FdSet&);
+
+// Turns of `count` idle modules; with `cold`, 2 MiB are written before each.
+void runTurns(benchmark::State& state, Turn turn, bool cold) {
+    auto client = clientWith(state.range(0));
+    std::vector<char> other(cold ? 2 << 20 : 0);
+    FdSet rd, wr;
+    long before = nxatest::allocations();
+    for (auto _ : state) {
+        if (cold) {
+            state.PauseTiming();
+            std::memset(other.data(), static_cast<int>(state.iterations()), other.size());
+            benchmark::ClobberMemory();
+            state.ResumeTiming();
+        }
+        turn(*client, rd, wr);
+    }
+    report(state, nxatest::allocations() - before);
 }
 
 void BM_IdleLibrary(benchmark::State& state) {
@@ -68,31 +100,24 @@ void BM_IdleLibrary(benchmark::State& state) {
 BENCHMARK(BM_IdleLibrary)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
 void BM_IdleTurn(benchmark::State& state) {
-    auto client = clientWith(state.range(0));
-    FdSet rd, wr;
-    long before = nxatest::allocations();
-    for (auto _ : state) {
-        turn(*client, rd, wr);
-    }
-    report(state, nxatest::allocations() - before);
+    runTurns(state, fullTurn, false);
 }
 BENCHMARK(BM_IdleTurn)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
 
 void BM_IdleTurnCold(benchmark::State& state) {
-    auto client = clientWith(state.range(0));
-    std::vector<char> other(2 << 20);
-    FdSet rd, wr;
-    long before = nxatest::allocations();
-    for (auto _ : state) {
-        state.PauseTiming();
-        std::memset(other.data(), static_cast<int>(state.iterations()), other.size());
-        benchmark::ClobberMemory();
-        state.ResumeTiming();
-        turn(*client, rd, wr);
-    }
-    report(state, nxatest::allocations() - before);
+    runTurns(state, fullTurn, true);
 }
 BENCHMARK(BM_IdleTurnCold)->Arg(1)->Arg(30)->Arg(100)->Arg(300);
+
+void BM_IdleTurnReady(benchmark::State& state) {
+    runTurns(state, readyTurn, false);
+}
+BENCHMARK(BM_IdleTurnReady)->Arg(1)->Arg(30)->Arg(100)->Arg(300)->Arg(1000);
+
+void BM_IdleTurnReadyCold(benchmark::State& state) {
+    runTurns(state, readyTurn, true);
+}
+BENCHMARK(BM_IdleTurnReadyCold)->Arg(1)->Arg(30)->Arg(100)->Arg(300)->Arg(1000);
 
 }  // namespace
 BENCHMARK_MAIN();

@@ -38,7 +38,7 @@ void Host::turn() {
 bool Host::waitForEvents() {
     rd_.clear();
     wr_.clear();
-    client_.addFds(rd_, wr_);
+    client_.addFdsCached(rd_, wr_);
     rd_.add(signals_.fd());
     rd_.add(bus_.fd());
     int timeout = waitTimeoutMs(Clock::now());
@@ -74,8 +74,7 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
 
 void Host::serveModules() {
     try {
-        client_.handleInput(rd_);
-        client_.handleOutput(wr_);
+        client_.handleReady(rd_, wr_);
         failures_.served(Clock::now());
     } catch (std::exception const& e) {
         // The error that ends the host leaves run() and is reported by the caller.
