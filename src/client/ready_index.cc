@@ -86,6 +86,7 @@ std::vector<std::size_t> const& NXAClient::Modules::ReadyIndex::collectReady(FdS
 void NXAClient::Modules::ReadyIndex::noteOwners(FdSet const& set) {
     for (int fd = set.next(0); fd != -1; fd = set.next(fd + 1)) {
         auto const at = static_cast<std::size_t>(fd);
-        if (at < owner_.size() && owner_[at] != kNobody) ready_.push_back(static_cast<std::size_t>(owner_[at]));
+        if (at < owner_.size() && owner_[at] != kNobody)
+            ready_.push_back(static_cast<std::size_t>(owner_[at]));
     }
 }
