@@ -3,6 +3,7 @@
 #   libnxaclient-dev headers, unversioned links, pkg-config files, the CMake package
 #   nxahost          nxahost, nxactl, nxapack, nxabuild, the systemd units, the
 #                    host's settings file, the broker's configuration, the man pages
+#                    (gzip-compressed, as Debian ships them)
 # Depends lines come from the libraries the files link to (dpkg-shlibdeps),
 # plus what the packages need of each other and of the system.
 set(CPACK_GENERATOR DEB)
@@ -18,6 +19,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian/compress_man_pages.cmake)
 
 set(nxa_version "${PROJECT_VERSION}")
 

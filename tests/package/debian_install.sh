@@ -2,11 +2,12 @@
 # debian_install.sh BUILD_DIR
 #
 # The Debian packages as a device gets them: cpack makes them from the build
-# tree; they are installed with apt-get into a clean Debian 12 root made by
-# debootstrap (kept in BUILD_DIR/debian-bookworm and copied for each run);
-# then, inside the test sandbox, `nxahost --help` runs from that root, and a
-# module runs there with the packaged broker configuration until a TCP client
-# outside the root has read its output. Needs root and Debian's mirror.
+# tree (their man pages gzip-compressed); they are installed with apt-get into
+# a clean Debian 12 root made by debootstrap (kept in BUILD_DIR/debian-bookworm
+# and copied for each run); then, inside the test sandbox, `nxahost --help` runs
+# from that root, and a module runs there with the packaged broker
+# configuration until a TCP client outside the root has read its output. Needs
+# root and Debian's mirror.
 set -euo pipefail
 
 src=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -48,6 +49,17 @@ echo "== packages"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/debs" >/dev/null
 ls "$work/debs"/*.deb
 
+echo "== man pages: compressed as Debian ships them, the same text"
+tools_deb=$(ls "$work/debs"/nxahost_*.deb)
+if dpkg-deb -c "$tools_deb" | grep -E '/share/man/man[1-9]/[^/]+\.[1-9]$'; then
+    echo "uncompressed man pages in $tools_deb"
+    exit 1
+fi
+for page in man8/nxahost.8 man1/nxapack.1 man1/nxabuild.1; do
+    dpkg-deb --fsys-tarfile "$tools_deb" | tar -xO "./usr/share/man/$page.gz" | gzip -dc |
+        cmp - "$src/share/man/${page#*/}" || { echo "$page.gz is not share/man/${page#*/}"; exit 1; }
+done
+
 pristine=$build/debian-bookworm
 if [ ! -x "$pristine/usr/bin/apt-get" ]; then
     echo "== a clean Debian 12 root (debootstrap)"
@@ -65,6 +77,7 @@ chroot "$work/root" sh -c 'apt-get update -qq && DEBIAN_FRONTEND=noninteractive 
     --no-install-recommends /debs/*.deb netcat-openbsd pkg-config' >"$work/apt.log" 2>&1 || { tail -30 "$work/apt.log"; exit 1; }
 chroot "$work/root" dpkg -s libnxaclient0 libnxaclient-dev nxahost | grep -c '^Status: install ok installed' | grep -qx 3
 test -d "$work/root/var/opt/velmora/nxa"
+test -f "$work/root/usr/share/man/man8/nxahost.8.gz"
 chroot "$work/root" pkg-config --modversion nxaclient
 
 echo "== run from the root"
