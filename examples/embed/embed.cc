@@ -13,8 +13,11 @@
 //   thread-safe: every call into it comes from this loop.
 // - Every turn waits again. The descriptors change from turn to turn (clients
 //   come and go, output waits to be written), so each turn clears both sets,
-//   asks addFds() anew, waits, and hands the filled sets to handleInput() and
-//   handleOutput(). Nothing else blocks, so a turn is short.
+//   has addFdsCached() add the modules' descriptors, waits, and hands the
+//   filled sets to handleReady(). Nothing else blocks, so a turn is short.
+//   addFdsCached() and handleReady() do what addFds(), handleInput() and
+//   handleOutput() do, at a cost that follows the modules with something
+//   ready rather than all of them: an idle module costs nothing.
 // - run() forks each module's program. In a child whose program cannot be
 //   started, run() comes back by exception: that copy of this process must end
 //   at once with _exit(), before it unwinds into the objects it shares with
@@ -119,7 +122,7 @@ int serve(std::string const& busName, std::vector<std::string> const& names) {
     for (;;) {
         rd.clear();
         wr.clear();
-        client.addFds(rd, wr);
+        client.addFdsCached(rd, wr);
         rd.add(stopFd);
         int const busFd = bus.fd();  // -1 while off the bus: add() ignores it
         rd.add(busFd);
@@ -129,8 +132,7 @@ int serve(std::string const& busName, std::vector<std::string> const& names) {
         }
         if (rd.isSet(stopFd)) break;
         try {
-            client.handleInput(rd);
-            client.handleOutput(wr);
+            client.handleReady(rd, wr);
             if (busFd >= 0 && rd.isSet(busFd)) {
                 bus.read();  // false when the broker has gone
                 while (std::unique_ptr<MessageBase> msg = bus.getMessage()) {

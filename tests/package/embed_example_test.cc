@@ -1,9 +1,10 @@
 // The embedding example, examples/embed, as a device maker uses it: built
 // against a fresh install of the project, once with its Makefile and
 // pkg-config, once with its CMake project and find_package; the second build
-// then hosts a module packed with nxapack, serves it to a TCP client and
-// passes bus text on, and ends on SIGTERM with status 0 and no program left;
-// a forked copy whose program cannot be started ends in the example's handler.
+// then hosts a module packed with nxapack, serves it to a TCP client who types
+// into it, passes bus text on, and ends on SIGTERM with status 0 and no
+// program left; a forked copy whose program cannot be started ends in the
+// example's handler.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -22,8 +23,11 @@ namespace {
 
 using e2e::quoted;
 
-// Prints a numbered line a second.
-constexpr char kTicker[] = "i=0; while :; do printf 'tick %d\\r\\n' $i; i=$((i + 1)); sleep 1; done";
+// Prints a numbered line a second, and answers every line typed to it.
+// (A background list reads /dev/null, so the reader is the foreground one.)
+constexpr char kTicker[] =
+    "(i=0; while :; do printf 'tick %d\\r\\n' $i; i=$((i + 1)); sleep 1; done) &\n"
+    "while IFS= read -r line; do printf 'you typed %s\\r\\n' \"$line\"; done";
 
 std::string exampleSource() {
     return nxatest::sourceDir() + "/examples/embed";
@@ -78,9 +82,13 @@ TEST(EmbedExample, BuiltBothWaysAgainstTheInstalledTreeServesAModuleUntilTerm) {
     ASSERT_TRUE(host.waitForLine("embed: serving 1 module(s) as EmbedTest")) << e2e::describe(host);
 
     std::optional<e2e::Background> client;
-    client.emplace(e2e::ncCommand(20100));
+    client.emplace(e2e::socatCommand(20100), true);
     EXPECT_TRUE(client->waitFor("starting module \"ticker\"")) << client->output() << e2e::describe(host);
     EXPECT_TRUE(client->waitFor("tick 1\r\n")) << client->output() << e2e::describe(host);
+    // What the client types reaches the program, whose answer comes back.
+    client->send("typed through the host\n");
+    EXPECT_TRUE(client->waitFor("you typed typed through the host\r\n"))
+        << client->output() << e2e::describe(host);
     // Kind-34 text to the host's bus name reaches the module's clients.
     e2e::publishSystem("EmbedTest", "tester", 34, "hello through the bus");
     EXPECT_TRUE(client->waitFor("hello through the bus")) << client->output() << e2e::describe(host);
