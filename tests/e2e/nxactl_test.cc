@@ -101,10 +101,23 @@ bool readUntilClosed(int fd, milliseconds timeout = kPatience) {
         timeout);
 }
 
-// The pid of each live child of the host, by its program's short name.
-std::map<std::string, long long> childPids(HostProcess const& host) {
+// The pid of each live child of the host, by its program's short name, once
+// every one of `programs` is among them: a child just forked carries the host's
+// name until it has started its program.
+std::map<std::string, long long> childPids(HostProcess const& host,
+                                           std::vector<std::string> const& programs) {
     std::map<std::string, long long> pids;
-    for (ProcessInfo const& child : childrenOf(host.pid())) pids[child.comm] = child.pid;
+    bool const started = nxatest::waitUntil(
+        [&] {
+            pids.clear();
+            for (ProcessInfo const& child : childrenOf(host.pid())) pids[child.comm] = child.pid;
+            for (std::string const& program : programs) {
+                if (pids.count(program) == 0) return false;
+            }
+            return true;
+        },
+        kPatience);
+    EXPECT_TRUE(started) << "children of the host: " << pids.size();
     return pids;
 }
 
@@ -237,7 +250,7 @@ TEST(Nxactl, StatusShowsTheRunningModulesWithTheHostsChildrenClientsAndSubscribe
     ASSERT_EQ(modules.size(), 2u) << modules;
     EXPECT_EQ(modules[0]["name"], "talker");
     EXPECT_EQ(modules[1]["name"], "quiet");
-    std::map<std::string, long long> const children = childPids(*host);
+    std::map<std::string, long long> const children = childPids(*host, {"talker", "quiet"});
     ASSERT_EQ(children.size(), 2u);
     for (json const& module : modules) {
         std::string const name = module["name"];
@@ -475,7 +488,7 @@ TEST(Nxactl, WhatDoesNotExistIsRefusedWithTheHostsReasonAndStatus1) {
     json const echo = moduleNamed(ctlJson({"status"}), "echo");
     EXPECT_EQ(echo["state"], "running");
     EXPECT_EQ(echo["restarts"], 0);
-    EXPECT_EQ(echo["pid"].get<long long>(), childPids(*host).at("echo"));
+    EXPECT_EQ(echo["pid"].get<long long>(), childPids(*host, {"echo"}).at("echo"));
     EXPECT_EQ(consumersOfKind(ctlJson({"clients", "echo"}), "log").size(), 1u);
 }
 
@@ -503,7 +516,7 @@ TEST(Nxactl, RestartStartsANewProgramForTheSameClientsAndLeavesTheNeighbour) {
     EXPECT_EQ(answer["clients"], 1);
     EXPECT_EQ(neighbour["pid"], neighbourPid);
     EXPECT_EQ(neighbour["restarts"], 0);
-    std::map<std::string, long long> const children = childPids(*host);
+    std::map<std::string, long long> const children = childPids(*host, {"answer", "neighbour"});
     EXPECT_EQ(children.at("answer"), newPid);
     EXPECT_EQ(children.at("neighbour"), neighbourPid);
 
@@ -615,7 +628,7 @@ TEST(Nxactl, MalformedControlMessagesGetNoReplyAndChangeNothing) {
     auto host = startHost({{"echo", kAnswering}});
     Background nc(ncCommand(20100));
     ASSERT_TRUE(nc.waitFor("ready\r\n")) << nc.output();
-    long long const pid = childPids(*host).at("echo");
+    long long const pid = childPids(*host, {"echo"}).at("echo");
     BusSubscriber prober("prober");
     for (std::string const text :
          {"not json", "{\"id\":\"m1\"}", "{\"command\":\"frobnicate\",\"id\":\"m2\"}",
@@ -638,7 +651,7 @@ TEST(Nxactl, MalformedControlMessagesGetNoReplyAndChangeNothing) {
     EXPECT_EQ(echo["pid"], pid);
     EXPECT_EQ(echo["restarts"], 0);
     EXPECT_EQ(echo["clients"], 1);
-    EXPECT_EQ(childPids(*host).at("echo"), pid);
+    EXPECT_EQ(childPids(*host, {"echo"}).at("echo"), pid);
     EXPECT_TRUE(host->running());
 }
 
