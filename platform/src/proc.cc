@@ -86,6 +86,18 @@ void Proc::stopAll() {
     waitChildren(true, nullptr);
 }
 
+void Proc::signal(pid_t pid, int sig) {
+    if (pid <= 0 || children_.count(pid) == 0) return;
+    signalChild(pid, sig);
+}
+
+bool Proc::collect(pid_t pid) {
+    if (pid <= 0 || children_.count(pid) == 0) return true;
+    if (!reap(pid, false)) return false;
+    children_.erase(pid);
+    return true;
+}
+
 void Proc::waitChildren(bool wait, std::set<int>* ended) {
     for (auto it = children_.begin(); it != children_.end();) {
         pid_t pid = *it;

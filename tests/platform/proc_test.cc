@@ -400,3 +400,47 @@ TEST(Proc, StopAllEndsChildrenThatObeySigtermAtOnce) {
     for (pid_t pid : pids) EXPECT_TRUE(isReaped(pid));
     proc.stop(pids[0]);  // no longer recorded: nothing happens
 }
+
+TEST(Proc, SignalReturnsAtOnceAndCollectReapsOnceTheChildHasEnded) {
+    Proc proc(getpid());
+    Pipe ready;
+    pid_t pid = spawn(proc, [&] { sessionLeaderThatWaits(ready, true); });
+    ASSERT_EQ(ready.receive(), pid);
+    auto start = Clock::now();
+    proc.signal(pid, SIGTERM);
+    EXPECT_FALSE(proc.collect(pid)) << "a child that ignores SIGTERM still runs";
+    EXPECT_LT(msSince(start), Proc::stopGraceMs / 2) << "signal and collect must not wait";
+    EXPECT_EQ(proc.children(), std::set<int>{pid});
+    proc.signal(pid, SIGKILL);
+    ASSERT_TRUE(nxatest::waitUntil([&] { return proc.collect(pid); }, std::chrono::seconds(20)));
+    EXPECT_TRUE(proc.children().empty());
+    EXPECT_TRUE(isReaped(pid));
+}
+
+TEST(Proc, SignalReachesTheChildsProcessGroup) {
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    Proc proc(getpid());
+    Pipe ready;
+    pid_t pid = spawn(proc, [&] { sessionWithGrandchild(ready, false, false); });
+    ASSERT_GT(pid, 0);
+    pid_t grandchild = ready.receive();
+    ASSERT_GT(grandchild, 0);
+    proc.signal(pid, SIGTERM);
+    expectEndedBySignal(grandchild, SIGTERM);
+    ASSERT_TRUE(nxatest::waitUntil([&] { return proc.collect(pid); }, std::chrono::seconds(20)));
+}
+
+TEST(Proc, SignalAndCollectLeaveIdsThatAreNotRecordedChildrenAlone) {
+    Proc proc(getpid());
+    Proc other(getpid());
+    Pipe ready;
+    pid_t pid = spawn(other, [&] { sessionLeaderThatWaits(ready, false); });
+    ASSERT_EQ(ready.receive(), pid);
+    proc.signal(pid, SIGKILL);
+    proc.signal(0, SIGKILL);
+    proc.signal(-1, SIGKILL);
+    EXPECT_TRUE(proc.collect(pid)) << "not a child of this object: nothing to wait for";
+    EXPECT_TRUE(isRunning(pid));
+    EXPECT_EQ(other.children(), std::set<int>{pid});
+    other.stop(pid);
+}

@@ -36,6 +36,18 @@ public:
     // afterwards.
     void stopAll();
 
+    // --- Ending a child without waiting, for a caller that must not block ---
+
+    // Sends `sig` to the recorded child `pid` and to the process group it
+    // leads, and returns at once. Nothing for an id that is not a recorded
+    // child (so a reused id is never signalled).
+    void signal(pid_t pid, int sig);
+
+    // Reaps the recorded child `pid` if it has ended, never waiting. True when
+    // it is gone: reaped now (and removed from children()) or not a recorded
+    // child at all; false while it runs.
+    bool collect(pid_t pid);
+
     // Reaps every recorded child that has ended, removes it from children() and
     // adds its id to *ended (when ended is not null). With wait false it never
     // waits for a child that is still running; with wait true it waits until every
