@@ -300,6 +300,32 @@ public:
         // then has no terminal and no child until the next restart) and what
         // run() throws, which in the forked child must be handled as after run().
         void restart();
+
+        // The same restart in steps, for a host that must go on serving while
+        // a program ends: nothing here waits.
+        //
+        // Asks the program to end: SIGTERM to its child and to the child's
+        // process group, then returns at once. The child stays the module's
+        // (getChildPid) until reapProgram() collects it, and its terminal is
+        // still read, so what it prints while it ends reaches the consumers.
+        // Nothing when the module has no child.
+        void endProgram();
+        // SIGKILL to the program's child and its process group, for a program
+        // that did not end in time. Nothing when the module has no child.
+        void killProgram();
+        // Collects the program's child if it has ended, never waiting. True
+        // when the module has no child left (collected now, or none before);
+        // getChildPid() is then -1. False while the child runs.
+        bool reapProgram();
+        // Starts the program again once reapProgram() gave true: what restart()
+        // does after the old child is gone (input typed for the old program
+        // dropped, a fresh terminal pair, the child forked as by run(), "running"
+        // announced). Throws std::logic_error "the program still runs" while a
+        // child is left, and otherwise what restart() throws.
+        void startProgram();
+        // Drops the input typed for the program and not yet written to its
+        // terminal, returning its memory. Returns how many bytes were dropped.
+        std::size_t dropTypedInput();
         // Sends the state `state` (one of VLPBus::statusNames) to "VLPBusServer"
         // over the module's bus connection, as construction sends "running".
         // Nothing when the connection is down.

@@ -52,8 +52,8 @@ std::vector<NXAClient::Module::Consumer> NXAClient::Module::getConsumers() const
 }
 
 bool NXAClient::Module::detach(std::string const& id) {
-    noteChanged();
     if (id == kRunLogId || peers.find(id) == nullptr) return false;
+    noteChanged();
     peers.erase(id);
     return true;
 }

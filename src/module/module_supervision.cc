@@ -2,8 +2,11 @@
 // life: starting the program again, the module's state on the bus, and its
 // bus connection after the broker came back.
 #include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <vlplatform/messages.h>
+
+#include <stdexcept>
 
 #include "nxaclient.h"
 
@@ -24,6 +27,42 @@ void NXAClient::Module::restart() {
     openTerminal();
     run();
     announceOnBus();
+}
+
+void NXAClient::Module::endProgram() {
+    noteChanged();
+    if (childpid != -1) proc.signal(childpid, SIGTERM);
+}
+
+void NXAClient::Module::killProgram() {
+    noteChanged();
+    if (childpid != -1) proc.signal(childpid, SIGKILL);
+}
+
+bool NXAClient::Module::reapProgram() {
+    noteChanged();
+    if (childpid == -1) return true;
+    if (!proc.collect(childpid)) return false;
+    childpid = -1;
+    return true;
+}
+
+void NXAClient::Module::startProgram() {
+    if (childpid != -1) throw std::logic_error("the program still runs");
+    noteChanged();
+    closeTerminal();
+    dropTypedInput();
+    openTerminal();
+    run();
+    announceOnBus();
+}
+
+std::size_t NXAClient::Module::dropTypedInput() {
+    noteChanged();
+    std::size_t const dropped = bufConn2Child.size();
+    // A swap, not clear(): the string's capacity goes too.
+    std::string().swap(bufConn2Child);
+    return dropped;
 }
 
 std::size_t NXAClient::Module::pendingOutput() const {

@@ -127,6 +127,10 @@ void restartModule(NXAClient::Module& module) {
     inTestProcessOnly([&] { module.restart(); });
 }
 
+void startProgram(NXAClient::Module& module) {
+    inTestProcessOnly([&] { module.startProgram(); });
+}
+
 ChildEnd waitChildEnd(pid_t pid, milliseconds timeout) {
     ChildEnd end;
     nxatest::waitUntil(

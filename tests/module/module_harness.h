@@ -51,6 +51,8 @@ constexpr char kChildCopyReport[] = "/tmp/nxa-module-child-copy";
 void runModule(NXAClient::Module& module);
 // The same for module.restart().
 void restartModule(NXAClient::Module& module);
+// The same for module.startProgram().
+void startProgram(NXAClient::Module& module);
 
 // How a child ended, observed without reaping it (the module's Proc reaps).
 struct ChildEnd {

@@ -128,6 +128,70 @@ TEST_F(ModuleSupervision, InputTypedForTheOldProgramIsNotGivenToTheNewOne) {
     EXPECT_TRUE(Access::bufConn2Child(*module).empty());
 }
 
+TEST_F(ModuleSupervision, EndingAProgramThatIgnoresSigtermNeverWaitsAndKillingItLetsItBeReaped) {
+    writeScript("demo", "trap 'printf \"not yet\\n\"' TERM; printf 'deaf\\n'; while :; do sleep 1; done");
+    make();
+    Client client(kPort);
+    ASSERT_TRUE(client.connected());
+    nxamodtest::runModule(*module);
+    pid_t const first = module->getChildPid();
+    std::string got;
+    ASSERT_TRUE(clientReceives(client, got, "deaf\n")) << got;
+
+    auto const start = Clock::now();
+    module->endProgram();
+    EXPECT_FALSE(module->reapProgram());
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(Proc::stopGraceMs / 2)) << "nothing may wait";
+    EXPECT_EQ(module->getChildPid(), first) << "the child stays the module's until it is reaped";
+    // The terminal is still served: what the program prints while it ends arrives.
+    EXPECT_TRUE(clientReceives(client, got, "not yet\n")) << got;
+    EXPECT_THROW(module->startProgram(), std::logic_error);
+
+    module->killProgram();
+    ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return module->reapProgram(); }));
+    EXPECT_EQ(module->getChildPid(), -1);
+    EXPECT_TRUE(reaped(first));
+    nxamodtest::startProgram(*module);
+    pid_t const second = module->getChildPid();
+    EXPECT_GT(second, 0);
+    EXPECT_NE(second, first);
+    EXPECT_TRUE(clientReceives(client, got, startLine(second) + "\ndeaf\n")) << got;
+    EXPECT_EQ(Access::peers(*module).size(), 2u) << "the client stays attached";
+}
+
+TEST_F(ModuleSupervision, AProgramThatObeysSigtermIsReapedWithoutAKill) {
+    writeScript("demo", "exec sleep 60");
+    make();
+    nxamodtest::runModule(*module);
+    pid_t const first = module->getChildPid();
+    module->endProgram();
+    ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return module->reapProgram(); }));
+    EXPECT_TRUE(reaped(first));
+    EXPECT_TRUE(module->reapProgram()) << "nothing left to reap";
+    module->endProgram();  // no child: nothing happens
+    module->killProgram();
+}
+
+TEST_F(ModuleSupervision, StartingTheProgramAgainDropsInputTypedForTheOldOne) {
+    writeScript("demo", "exit 0");
+    make();
+    nxamodtest::runModule(*module);
+    ASSERT_TRUE(nxamodtest::waitChildEnd(module->getChildPid()).ended);
+    ASSERT_TRUE(module->reapProgram());
+    Access::bufConn2Child(*module) = "left over\n";
+    nxamodtest::startProgram(*module);
+    EXPECT_TRUE(Access::bufConn2Child(*module).empty());
+}
+
+TEST_F(ModuleSupervision, DroppingTypedInputEmptiesTheBufferAndReturnsItsMemory) {
+    make();
+    Access::bufConn2Child(*module).assign(4 << 20, 'x');
+    EXPECT_EQ(module->dropTypedInput(), std::size_t{4} << 20);
+    EXPECT_TRUE(Access::bufConn2Child(*module).empty());
+    EXPECT_LT(Access::bufConn2Child(*module).capacity(), 64u);
+    EXPECT_EQ(module->dropTypedInput(), 0u);
+}
+
 TEST_F(ModuleSupervision, RestartAndAnnounceTellTheBusServerTheState) {
     writeScript("demo", "exec sleep 60");
     make();
