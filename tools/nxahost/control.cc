@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "control_request.h"
 #include "host_log.h"
 #include "module_status.h"
 
@@ -24,20 +25,30 @@ std::string noModule(std::string const& name) {
     return "no module named " + name;
 }
 
+// The text at `key` of a request; empty when it is missing or not a text.
+std::string textOf(json const& request, char const* key) {
+    auto it = request.find(key);
+    return it != request.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
 }  // namespace
 
 HostControl::HostControl(NXAClient& client, ProgramSupervisor const& supervisor, VLPBusClient& bus,
-                         HostOptions const& options, std::function<bool(std::string const&)> restart)
+                         HostOptions const& options, Restart restart)
     : client_(client), supervisor_(supervisor), bus_(bus), options_(options), restart_(std::move(restart)) {}
 
 bool HostControl::handle(RouterMessage const& msg) {
     auto const* system = dynamic_cast<SystemMessage const*>(msg.message());
     if (system == nullptr || system->kind() != kControlRequest) return false;
-    json request = json::parse(system->text(), nullptr, false);
-    if (!request.is_object() || !request.contains("command") || !request["command"].is_string() ||
-        msg.sender().empty()) {
+    json const request = parseRequest(system->text());
+    if (request.is_null() || msg.sender().empty()) {
         if (options_.debug > 0)
             hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": not a request");
+        return true;
+    }
+    json const id = request.contains("id") ? request["id"] : json();
+    if (request["command"] == "restart") {
+        restart(textOf(request, "module"), msg.sender(), id);
         return true;
     }
     json body = answer(request);
@@ -46,22 +57,16 @@ bool HostControl::handle(RouterMessage const& msg) {
             hostLog("[DEBUG] ", "ignored a control message from ", msg.sender(), ": unknown command");
         return true;
     }
-    if (request.contains("id")) body["id"] = request["id"];
-    reply(msg.sender(), body);
+    reply(msg.sender(), std::move(body), id);
     return true;
 }
 
 // Null for a request that is no command of ours.
 json HostControl::answer(json const& request) {
     std::string const command = request["command"];
-    auto text = [&request](char const* key) {
-        auto it = request.find(key);
-        return it != request.end() && it->is_string() ? it->get<std::string>() : std::string();
-    };
     if (command == "status") return status();
-    if (command == "clients") return clients(text("module"));
-    if (command == "kick") return kick(text("module"), text("client"));
-    if (command == "restart") return restart(text("module"));
+    if (command == "clients") return clients(textOf(request, "module"));
+    if (command == "kick") return kick(textOf(request, "module"), textOf(request, "client"));
     return nullptr;
 }
 
@@ -97,12 +102,15 @@ json HostControl::kick(std::string const& name, std::string const& id) {
     return json{{"ok", true}};
 }
 
-json HostControl::restart(std::string const& name) {
-    if (!restart_(name)) return failure(noModule(name));
-    return json{{"ok", true}};
+void HostControl::restart(std::string const& name, std::string const& requester, json const& id) {
+    bool const known = restart_(name, [this, requester, id](std::string const& error) {
+        reply(requester, error.empty() ? json{{"ok", true}} : failure(error), id);
+    });
+    if (!known) reply(requester, failure(noModule(name)), id);
 }
 
-void HostControl::reply(std::string const& to, json const& body) {
+void HostControl::reply(std::string const& to, json body, json const& id) {
+    if (!id.is_null()) body["id"] = id;
     auto message = std::make_unique<SystemMessage>();
     message->setKind(kControlReply);
     // Names from outside (a subscriber's bus name, a module's) may hold bytes

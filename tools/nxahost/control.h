@@ -23,12 +23,17 @@ inline constexpr unsigned char kControlReply = 65;
 // line at trace level 1 and above; it never changes anything.
 class HostControl {
 public:
-    // `restart` starts a module's program again (as the host does it: a
-    // forked copy must not come back); false for an unknown module.
+    // Starts a module's program again (as the host does it: a forked copy
+    // must not come back) and calls `done` once the new program runs; false,
+    // without calling `done`, for an unknown module.
+    using Restart = std::function<bool(std::string const&, ProgramSupervisor::RestartDone)>;
+
     HostControl(NXAClient& client, ProgramSupervisor const& supervisor, VLPBusClient& bus,
-                HostOptions const& options, std::function<bool(std::string const&)> restart);
+                HostOptions const& options, Restart restart);
 
     // Handles `msg` when it is a control request; returns whether it was one.
+    // A restart is answered once the new program runs (or cannot start),
+    // every other request at once.
     bool handle(RouterMessage const& msg);
 
 private:
@@ -36,12 +41,12 @@ private:
     nlohmann::json status() const;
     nlohmann::json clients(std::string const& name) const;
     nlohmann::json kick(std::string const& name, std::string const& id);
-    nlohmann::json restart(std::string const& name);
-    void reply(std::string const& to, nlohmann::json const& body);
+    void restart(std::string const& name, std::string const& requester, nlohmann::json const& id);
+    void reply(std::string const& to, nlohmann::json body, nlohmann::json const& id);
 
     NXAClient& client_;
     ProgramSupervisor const& supervisor_;
     VLPBusClient& bus_;
     HostOptions const& options_;
-    std::function<bool(std::string const&)> restart_;
+    Restart restart_;
 };

@@ -6,6 +6,7 @@
 #include <vlplatform/zipper.h>
 
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -38,12 +39,15 @@ constexpr unsigned kBusPacketRoom = 4096;
 Host::Host(HostOptions options)
     : options_(std::move(options)),
       hostPid_(getpid()),
-      client_(options_.packageDir.c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
+      store_(options_.packageDir),
+      client_(store_.installDir().c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName),
       supervisor_(client_, options_.restart, hostPid_),
       control_(client_, supervisor_, bus_, options_,
-               [this](std::string const& module) { return restartModule(module); }) {
+               [this](std::string const& module, ProgramSupervisor::RestartDone done) {
+                   return restartModule(module, std::move(done));
+               }) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);
@@ -58,7 +62,7 @@ int Host::run() {
     requireFreePorts(options_.modules, options_.maxModules, options_.port);
     startWebConsole();
     client_.modules.configure(options_.modules);
-    startModules();
+    installAtStart();
     reportModules();
     // Said once the modules run, after their ports: it is no module's.
     if (web_)
@@ -66,6 +70,7 @@ int Host::run() {
     notifier_.ready(statusText());
     while (!stopping_) turn();
     hostLog(kHostInfo, "stopping");
+    supervisor_.abandonRestarts("the host is stopping");
     stopModules();
     return 0;
 }
@@ -76,7 +81,9 @@ void Host::startWebConsole() {
     if (options_.webAddress.empty()) return;
     WebConsoleHooks hooks;
     hooks.status = [this] { return statusAnswer(client_, supervisor_, options_); };
-    hooks.restart = [this](std::string const& module) { return restartModule(module); };
+    hooks.restart = [this](std::string const& module, ProgramSupervisor::RestartDone done) {
+        return restartModule(module, std::move(done));
+    };
     hooks.port = [this](std::string const& module) { return modulePort(module); };
     web_ = std::make_unique<WebConsole>(
         WebConsoleSetup{options_.webAddress, options_.webPort, options_.webRoot, options_.debug},
@@ -84,10 +91,17 @@ void Host::startWebConsole() {
 }
 
 // The program is started as the host does it: a forked copy must not come back.
-bool Host::restartModule(std::string const& name) {
+bool Host::restartModule(std::string const& name, ProgramSupervisor::RestartDone done) {
     bool known = false;
-    asHostOnly([&] { known = supervisor_.restartNow(name, Clock::now()); });
+    asHostOnly([&] { known = supervisor_.requestRestart(name, Clock::now(), std::move(done)); });
+    if (known) notifier_.status(statusText());
     return known;
+}
+
+void Host::advanceRestarts() {
+    bool changed = false;
+    asHostOnly([&] { changed = supervisor_.advance(Clock::now()); });
+    if (changed) notifier_.status(statusText());
 }
 
 int Host::modulePort(std::string const& name) {
@@ -96,6 +110,22 @@ int Host::modulePort(std::string const& name) {
         if (m.name == name) return m.port;
     }
     return -1;
+}
+
+// The library installs the host's copy of the package, taken once: a package
+// file replaced meanwhile changes nothing of what is installed.
+void Host::installAtStart() {
+    if (!client_.modules.getModules().empty()) {
+        std::string const problem = store_.takeDelivered(packageLimit());
+        if (!problem.empty()) throw std::runtime_error(problem);
+        store_.stageIncoming();
+    }
+    startModules();
+    if (!client_.modules.getModules().empty()) store_.keepStagedAsRunning();
+}
+
+unsigned long long Host::packageLimit() const {
+    return zipper::unpackBudget(store_.installDir());
 }
 
 void Host::startModules() {
@@ -143,8 +173,10 @@ void Host::stopModules() {
 
 void Host::reactToSignals() {
     unsigned const events = signals_.take();
-    if ((events & HostSignals::kChildEnded) && supervisor_.checkEnded(Clock::now()))
-        notifier_.status(statusText());
+    if (events & HostSignals::kChildEnded) {
+        if (supervisor_.checkEnded(Clock::now())) notifier_.status(statusText());
+        advanceRestarts();
+    }
     if (events & HostSignals::kDumpLog) printRunLog();
     if (events & HostSignals::kStop) {
         stopping_ = true;
@@ -163,7 +195,8 @@ void Host::printRunLog() {
 }
 
 // The running modules are replaced only by a package that has every
-// configured module, and only while the broker answers.
+// configured module, and only while the broker answers. What is checked is
+// the host's own copy of the package, and that copy is what is installed.
 void Host::reload() {
     hostLog(kHostInfo, "reloading");
     std::string const problem = reloadProblem();
@@ -171,17 +204,34 @@ void Host::reload() {
         hostLog(kHostError, "reload refused, the modules keep running: ", problem);
         return;
     }
-    replaceModules();
+    store_.stageIncoming();
+    installStaged();
 }
 
 std::string Host::reloadProblem() {
     if (!bus_.isConnected()) bus_.connectToServer();
     if (!bus_.isConnected())
         return "the bus broker on 127.0.0.1:" + std::to_string(kBusPort) + " does not answer";
+    std::string const problem = store_.takeDelivered(packageLimit());
+    if (!problem.empty()) return problem;
     std::size_t const count = std::min<std::size_t>(options_.modules.size(), options_.maxModules);
     std::vector<std::string> const modules(options_.modules.begin(), options_.modules.begin() + count);
-    return checkPackage(options_.packageDir + "/" + NXAClient::NXA_ZIP, modules,
-                        options_.packageDir + "/.nxahost-check");
+    return checkPackage(store_.incoming(), modules, store_.checkDir(), store_.delivered());
+}
+
+// An installation that fails after its check (a full disk, a port taken
+// meanwhile) puts the package that ran before back; only when even that fails
+// does the error leave, ending the host as at start.
+void Host::installStaged() {
+    try {
+        replaceModules();
+        store_.keepStagedAsRunning();
+        return;
+    } catch (std::exception const& e) {
+        if (!store_.stageRunning()) throw;
+        hostLog(kHostError, "reload failed: ", e.what(), "; installing the package that ran before again");
+    }
+    replaceModules();
 }
 
 void Host::replaceModules() {

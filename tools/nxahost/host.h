@@ -16,6 +16,7 @@
 #include "control.h"
 #include "host_signals.h"
 #include "options.h"
+#include "package_store.h"
 #include "program_supervisor.h"
 #include "serve_failures.h"
 #include "service_notify.h"
@@ -44,6 +45,9 @@ public:
 private:
     // host.cc: starting, reloading, stopping.
     void startModules();
+    void installAtStart();
+    void installStaged();
+    unsigned long long packageLimit() const;
     void asHostOnly(std::function<void()> const& step);
     void reportModules();
     void reload();
@@ -53,7 +57,8 @@ private:
     void reactToSignals();
     void printRunLog();
     std::string statusText() const;
-    bool restartModule(std::string const& name);
+    bool restartModule(std::string const& name, ProgramSupervisor::RestartDone done);
+    void advanceRestarts();
     void startWebConsole();
     int modulePort(std::string const& name);
 
@@ -71,6 +76,8 @@ private:
     HostOptions options_;
     pid_t const hostPid_;
     HostSignals signals_;
+    // Before the facade: it installs from the store's folder.
+    PackageStore store_;
     NXAClient client_;
     VLPBusClient bus_;
     ProgramSupervisor supervisor_;

@@ -8,6 +8,7 @@
 
 #include "host.h"
 #include "host_log.h"
+#include "lost_clients.h"
 
 namespace {
 
@@ -28,10 +29,10 @@ void Host::turn() {
     reportRefusedConnections(now);
     // A signal's arrival makes the pipe readable; only then is it worth reading.
     if (rd_.isSet(signals_.fd())) reactToSignals();
-    if (supervisor_.settling() && supervisor_.settle(Clock::now())) notifier_.status(statusText());
-    bool restarted = false;
-    asHostOnly([&] { restarted = supervisor_.restartDue(Clock::now()); });
-    if (restarted) notifier_.status(statusText());
+    if (supervisor_.reportingEnds() && supervisor_.reportDrainedEnds(Clock::now()))
+        notifier_.status(statusText());
+    auto const due = supervisor_.nextDue();
+    if (due && *due <= Clock::now()) advanceRestarts();
     notifier_.turned(Clock::now());
 }
 
@@ -63,7 +64,7 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
     if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
     // An ended program whose output is drained is reported at the latest after its settle limit.
-    if (supervisor_.settling()) sooner(100);
+    if (supervisor_.reportingEnds()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
     for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
         if (due)
@@ -77,6 +78,7 @@ void Host::serveModules() {
         client_.handleReady(rd_, wr_);
         failures_.served(Clock::now());
     } catch (std::exception const& e) {
+        if (dropLostClient(client_, e)) return;
         // The error that ends the host leaves run() and is reported by the caller.
         if (failures_.failed(e, Clock::now())) throw;
     }

@@ -24,11 +24,11 @@ std::string checkModule(std::string const& name, std::string const& unpacked, st
 }
 
 std::string checkUnpacked(std::string const& package, std::vector<std::string> const& modules,
-                          std::string const& scratch) {
+                          std::string const& scratch, std::string const& shownAs) {
     struct stat info {};
-    if (stat(package.c_str(), &info) != 0) return package + " does not exist";
+    if (stat(package.c_str(), &info) != 0) return shownAs + " does not exist";
     std::string const unpacked = scratch + "/package";
-    if (zipper::unZipWithDirs(package, unpacked, "") == -1) return package + " cannot be unpacked";
+    if (zipper::unZipWithDirs(package, unpacked, "") == -1) return shownAs + " cannot be unpacked";
     for (std::string const& name : modules) {
         std::string problem = checkModule(name, unpacked, scratch + "/modules");
         if (!problem.empty()) return problem;
@@ -39,9 +39,9 @@ std::string checkUnpacked(std::string const& package, std::vector<std::string> c
 }  // namespace
 
 std::string checkPackage(std::string const& package, std::vector<std::string> const& modules,
-                         std::string const& scratch) {
+                         std::string const& scratch, std::string const& shownAs) {
     rmDir(scratch, true);
-    std::string problem = checkUnpacked(package, modules, scratch);
+    std::string problem = checkUnpacked(package, modules, scratch, shownAs);
     rmDir(scratch, true);
     return problem;
 }

@@ -48,9 +48,14 @@ ProgramSupervisor::ProgramSupervisor(NXAClient& client, RestartPolicy policy, pi
     : client_(client), policy_(policy), hostPid_(hostPid), random_(std::random_device{}()) {}
 
 void ProgramSupervisor::startedAll(Clock::time_point now) {
+    for (auto& entry : programs_) {
+        bool const runs = client_.modules.find(entry.first) != nullptr;
+        answer(entry.second, runs ? std::string() : "no module named " + entry.first);
+    }
     programs_.clear();
     unsettled_.clear();
     scheduled_ = 0;
+    ending_ = 0;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
         program.status.state = "running";
@@ -59,17 +64,21 @@ void ProgramSupervisor::startedAll(Clock::time_point now) {
     }
 }
 
+void ProgramSupervisor::abandonRestarts(std::string const& error) {
+    for (auto& entry : programs_) answer(entry.second, error);
+}
+
 bool ProgramSupervisor::checkEnded(Clock::time_point now) {
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program const& program = programs_[module->getName()];
-        if (program.reported || unsettled_.count(module->getName())) continue;
+        if (program.reported || program.killAt || unsettled_.count(module->getName())) continue;
         bool failed = false;
         if (!endingOf(module->getChildPid(), failed).empty()) unsettled_.emplace(module->getName(), now);
     }
-    return settle(now);
+    return reportDrainedEnds(now);
 }
 
-bool ProgramSupervisor::settle(Clock::time_point now) {
+bool ProgramSupervisor::reportDrainedEnds(Clock::time_point now) {
     bool any = false;
     for (auto it = unsettled_.begin(); it != unsettled_.end();) {
         NXAClient::Module* module = client_.modules.find(it->first);
@@ -123,34 +132,68 @@ milliseconds ProgramSupervisor::delayFor(Program& program, Clock::time_point now
     return base + milliseconds(jitter(random_));
 }
 
-bool ProgramSupervisor::restartDue(Clock::time_point now) {
-    auto const due = nextDue();
-    if (!due || *due > now) return false;
+bool ProgramSupervisor::advance(Clock::time_point now) {
+    if (restarting() == 0) return false;
+    bool any = false;
     for (NXAClient::Module* module : client_.modules.getModules()) {
         Program& program = programs_[module->getName()];
-        if (program.status.restartAt && *program.status.restartAt <= now) restart(*module, program, now);
+        if (program.status.restartAt && *program.status.restartAt <= now) {
+            beginRestart(*module, program, now);
+            any = true;
+        }
+        if (program.killAt && finishRestart(*module, program, now)) any = true;
     }
-    return true;
+    return any;
 }
 
-bool ProgramSupervisor::restartNow(std::string const& name, Clock::time_point now) {
+bool ProgramSupervisor::requestRestart(std::string const& name, Clock::time_point now, RestartDone done) {
     NXAClient::Module* module = client_.modules.find(name);
     if (module == nullptr) return false;
-    restart(*module, programs_[name], now);
+    Program& program = programs_[name];
+    program.waiters.push_back(std::move(done));
+    if (!program.killAt) beginRestart(*module, program, now);
+    finishRestart(*module, program, now);
     return true;
 }
 
-void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clock::time_point now) {
+// The old program is asked to end; its end is not reported, it was asked for.
+void ProgramSupervisor::beginRestart(NXAClient::Module& module, Program& program, Clock::time_point now) {
     unschedule(program);
+    unsettled_.erase(module.getName());
+    program.status.state = "restarting";
+    program.killed = false;
+    setEnding(program, now + kGrace);
+    module.endProgram();
+}
+
+// True when the restart moved on: the old program was killed, or it is gone
+// and the new one was started (or failed to start).
+bool ProgramSupervisor::finishRestart(NXAClient::Module& module, Program& program, Clock::time_point now) {
+    if (module.reapProgram()) {
+        clearEnding(program);
+        startProgram(module, program, now);
+        return true;
+    }
+    if (program.killed || now < *program.killAt) return false;
+    hostLog(kHostWarning, "module program ", module.getName(), " (pid ", module.getChildPid(),
+            ") did not end within ", kGrace.count(), " ms of SIGTERM; killing it");
+    module.killProgram();
+    program.killed = true;
+    return true;
+}
+
+void ProgramSupervisor::startProgram(NXAClient::Module& module, Program& program, Clock::time_point now) {
     try {
-        module.restart();
+        module.startProgram();
     } catch (std::exception const& e) {
         if (getpid() != hostPid_) throw;
         milliseconds const delay = delayFor(program, now);
         program.status.state = "restarting";
         schedule(program, now + delay);
-        hostLog(kHostError, "cannot start module program ", module.getName(), " again: ", e.what(),
-                "; next attempt in ", seconds(delay));
+        std::string const error =
+            std::string("cannot start module program ") + module.getName() + " again: " + e.what();
+        hostLog(kHostError, error, "; next attempt in ", seconds(delay));
+        answer(program, error);
         return;
     }
     program.reported = false;
@@ -160,15 +203,26 @@ void ProgramSupervisor::restart(NXAClient::Module& module, Program& program, Clo
     ++program.status.restarts;
     hostLog(kHostInfo, "module program ", module.getName(), " started again (pid ", module.getChildPid(),
             ")");
+    answer(program, {});
+}
+
+void ProgramSupervisor::answer(Program& program, std::string const& error) {
+    std::vector<RestartDone> waiters;
+    waiters.swap(program.waiters);
+    for (RestartDone const& done : waiters) done(error);
 }
 
 std::optional<ProgramSupervisor::Clock::time_point> ProgramSupervisor::nextDue() const {
     std::optional<Clock::time_point> next;
     // Asked on every turn: nothing to look through while no restart waits.
     if (restarting() == 0) return next;
-    for (auto const& entry : programs_) {
-        auto const& at = entry.second.status.restartAt;
+    auto sooner = [&next](std::optional<Clock::time_point> const& at) {
         if (at && (!next || *at < *next)) next = at;
+    };
+    for (auto const& entry : programs_) {
+        sooner(entry.second.status.restartAt);
+        // A killed program is collected when its end is signalled, not by the clock.
+        if (!entry.second.killed) sooner(entry.second.killAt);
     }
     return next;
 }
@@ -179,7 +233,7 @@ ProgramSupervisor::Status ProgramSupervisor::status(std::string const& module) c
 }
 
 std::size_t ProgramSupervisor::restarting() const {
-    return scheduled_;
+    return scheduled_ + ending_;
 }
 
 void ProgramSupervisor::schedule(Program& program, Clock::time_point at) {
@@ -190,6 +244,17 @@ void ProgramSupervisor::schedule(Program& program, Clock::time_point at) {
 void ProgramSupervisor::unschedule(Program& program) {
     if (program.status.restartAt) --scheduled_;
     program.status.restartAt.reset();
+}
+
+void ProgramSupervisor::setEnding(Program& program, Clock::time_point killAt) {
+    if (!program.killAt) ++ending_;
+    program.killAt = killAt;
+}
+
+void ProgramSupervisor::clearEnding(Program& program) {
+    if (program.killAt) --ending_;
+    program.killAt.reset();
+    program.killed = false;
 }
 
 std::size_t ProgramSupervisor::ended() const {

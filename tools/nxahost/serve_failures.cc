@@ -31,11 +31,6 @@ void ServeFailures::served(Clock::time_point now) {
 
 bool ServeFailures::failed(std::exception const& e, Clock::time_point now) {
     std::string const what = e.what();
-    std::string peer;
-    if (isClientFault(what, peer)) {
-        hostLog(kHostInfo, "connection ", peer, " lost: ", what);
-        return false;
-    }
     if (!failing_) {
         failing_ = true;
         firstFailure_ = now;

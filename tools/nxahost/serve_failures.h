@@ -7,9 +7,8 @@
 
 // Serving goes on through failures. A client's fault (a connection reset,
 // timed out or gone: the library reports it as failing to read or write
-// "telnet:N", or as end of stream on it) is one INFO line naming the client; it
-// costs the modules after it the rest of that turn, nothing more. Any other
-// error is an ERROR line; when the same text comes back turn after turn it is
+// "telnet:N", or as end of stream on it) is not counted here: see
+// dropLostClient. Any other error is an ERROR line; when the same text comes back turn after turn it is
 // written once and then counted, at most a line a second. Only errors on every
 // turn for kGiveUpAfter, without one turn served in between, end the host.
 class ServeFailures {

@@ -126,7 +126,7 @@ int WebConsole::handle(lws* wsi, int reason, void* in, std::size_t length) {
         case LWS_CALLBACK_HTTP_BODY_COMPLETION:
             return onBodyComplete(wsi);
         case LWS_CALLBACK_HTTP_WRITEABLE:
-            return writeReply(wsi);
+            return restartOutcomes_.count(wsi) ? replyRestarted(wsi) : writeReply(wsi);
         case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
             return onTerminalRequest(wsi);
         case LWS_CALLBACK_ESTABLISHED:
@@ -147,6 +147,8 @@ void WebConsole::forget(lws* wsi) {
     connections_.erase(wsi);
     replies_.erase(wsi);
     pendingRestarts_.erase(wsi);
+    awaitedRestarts_.erase(wsi);
+    restartOutcomes_.erase(wsi);
     requestedTerminals_.erase(wsi);
     refusals_.erase(wsi);
     terminals_.erase(wsi);

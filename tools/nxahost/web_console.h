@@ -23,9 +23,10 @@ struct lws_context;
 struct WebConsoleHooks {
     // The status answer, as the operator's status control gives it.
     std::function<nlohmann::json()> status;
-    // Starts a module's program again, as the restart control does; false for
-    // an unknown module.
-    std::function<bool(std::string const&)> restart;
+    // Starts a module's program again, as the restart control does, and calls
+    // the function given once the new program runs (an empty text) or cannot
+    // start (why); false, without calling it, for an unknown module.
+    std::function<bool(std::string const&, std::function<void(std::string const&)>)> restart;
     // The port a running module listens on; -1 for an unknown module.
     std::function<int(std::string const&)> port;
 };
@@ -41,7 +42,8 @@ struct WebConsoleSetup {
 // The console's server. libwebsockets runs on a GLib context that the host's
 // loop drives (see GlibTurn): addFds before the host's wait, serve after it.
 // Routes: GET / (status page), /status.json, /module/NAME (terminal page),
-// the page's files; POST /module/NAME/restart; the WebSocket
+// the page's files; POST /module/NAME/restart (answered once the new program
+// runs); the WebSocket
 // /module/NAME/terminal (see WebTerminal). At most kMaxConnections browser
 // connections are served at once; a request on a connection beyond them is
 // answered 503 and a WebSocket beyond them is closed with code 1013 and a
@@ -82,6 +84,8 @@ private:
     int onGet(lws* wsi, std::string const& path);
     int onBodyComplete(lws* wsi);
     int restart(lws* wsi, std::string const& module);
+    void restartDone(lws* wsi, unsigned long serial, std::string const& module, std::string const& error);
+    int replyRestarted(lws* wsi);
     int serveFile(lws* wsi, std::string const& path, char const* type);
     int reply(lws* wsi, unsigned status, std::string const& type, std::string body);
     int replyError(lws* wsi, unsigned status, std::string const& text);
@@ -103,6 +107,12 @@ private:
     std::set<lws*> connections_;
     std::map<lws*, std::string> replies_;
     std::map<lws*, std::string> pendingRestarts_;
+    // Restarts asked for and not yet done, by connection: the request's serial,
+    // so that an answer never goes to a later connection at the same address.
+    std::map<lws*, unsigned long> awaitedRestarts_;
+    unsigned long restartSerial_ = 0;
+    // Restarts done and not yet answered: the module and the error, if any.
+    std::map<lws*, std::pair<std::string, std::string>> restartOutcomes_;
     std::map<lws*, std::string> requestedTerminals_;
     std::map<lws*, std::unique_ptr<WebTerminal>> terminals_;
     std::map<lws*, std::pair<int, std::string>> refusals_;

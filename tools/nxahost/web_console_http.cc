@@ -99,10 +99,33 @@ int WebConsole::onBodyComplete(lws* wsi) {
     return restart(wsi, module);
 }
 
-// The program is started again before the answer goes out: the answer
-// confirms it.
+// The answer goes out once the new program runs: it confirms the restart.
 int WebConsole::restart(lws* wsi, std::string const& module) {
-    if (!hooks_.restart(module)) return replyError(wsi, HTTP_STATUS_NOT_FOUND, "no module named " + module);
+    unsigned long const serial = ++restartSerial_;
+    // Set first: a program that has ended already starts again within the call.
+    awaitedRestarts_[wsi] = serial;
+    bool const known = hooks_.restart(module, [this, wsi, serial, module](std::string const& error) {
+        restartDone(wsi, serial, module, error);
+    });
+    if (known) return 0;
+    awaitedRestarts_.erase(wsi);
+    return replyError(wsi, HTTP_STATUS_NOT_FOUND, "no module named " + module);
+}
+
+void WebConsole::restartDone(lws* wsi, unsigned long serial, std::string const& module,
+                             std::string const& error) {
+    auto const awaited = awaitedRestarts_.find(wsi);
+    if (awaited == awaitedRestarts_.end() || awaited->second != serial) return;
+    awaitedRestarts_.erase(awaited);
+    restartOutcomes_[wsi] = {module, error};
+    lws_callback_on_writable(wsi);
+}
+
+int WebConsole::replyRestarted(lws* wsi) {
+    auto const outcome = restartOutcomes_.find(wsi);
+    auto const [module, error] = outcome->second;
+    restartOutcomes_.erase(outcome);
+    if (!error.empty()) return replyError(wsi, HTTP_STATUS_INTERNAL_SERVER_ERROR, error);
     hostLog(kHostInfo, "module ", module, " restarted from the browser console");
     return reply(wsi, HTTP_STATUS_OK, "application/json", nlohmann::json{{"ok", true}}.dump());
 }
