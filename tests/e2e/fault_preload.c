@@ -10,6 +10,10 @@
  *   NXA_E2E_FAIL_FORK=<k>     the k-th fork() of the process fails with EAGAIN.
  *   NXA_E2E_FAIL_PTY_READ=1   read() on a pseudo-terminal master (/dev/ptmx)
  *                             fails with EIO.
+ *   NXA_E2E_GROW_WHILE_READ=<path>  while the file <path>.grow exists, a
+ *                             read() that finds the end of the file <path>
+ *                             appends one byte to it, as a writer that is
+ *                             still at work would.
  *
  * The library takes LD_PRELOAD out of the environment as it loads, so the
  * programs the host starts run without it. */
@@ -27,6 +31,7 @@ static int failSetsidInChild;
 static int failFork;
 static int failDup2StderrInChild;
 static int failPtyRead;
+static char const* growWhileRead;
 static int forksSoFar;
 static int ordinalAsChild;
 
@@ -39,6 +44,7 @@ __attribute__((constructor)) static void arm(void) {
     failDup2StderrInChild = dup2Child ? atoi(dup2Child) : 0;
     failSetsidInChild = setsidChild ? atoi(setsidChild) : 0;
     failPtyRead = ptyRead && strcmp(ptyRead, "1") == 0;
+    growWhileRead = getenv("NXA_E2E_GROW_WHILE_READ");
     unsetenv("LD_PRELOAD");
 }
 
@@ -80,14 +86,32 @@ int dup2(int oldFd, int newFd) {
     return realDup2(oldFd, newFd);
 }
 
-static int isPtyMaster(int fd) {
+/* Whether descriptor `fd` is open on the file `path`. */
+static int isOpenOn(int fd, char const* path) {
     char link[64];
-    char target[64];
+    char target[4096];
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     ssize_t const n = readlink(link, target, sizeof target - 1);
     if (n <= 0) return 0;
     target[n] = '\0';
-    return strcmp(target, "/dev/ptmx") == 0 || strcmp(target, "/dev/pts/ptmx") == 0;
+    return strcmp(target, path) == 0;
+}
+
+static int isPtyMaster(int fd) {
+    return isOpenOn(fd, "/dev/ptmx") || isOpenOn(fd, "/dev/pts/ptmx");
+}
+
+static int growing(void) {
+    char switchFile[4096];
+    snprintf(switchFile, sizeof switchFile, "%s.grow", growWhileRead);
+    return access(switchFile, F_OK) == 0;
+}
+
+static void appendOneByte(char const* path) {
+    FILE* file = fopen(path, "a");
+    if (file == NULL) return;
+    fputc('\n', file);
+    fclose(file);
 }
 
 ssize_t read(int fd, void* buf, size_t count) {
@@ -97,5 +121,7 @@ ssize_t read(int fd, void* buf, size_t count) {
         errno = EIO;
         return -1;
     }
-    return realRead(fd, buf, count);
+    ssize_t const n = realRead(fd, buf, count);
+    if (growWhileRead && n == 0 && isOpenOn(fd, growWhileRead) && growing()) appendOneByte(growWhileRead);
+    return n;
 }

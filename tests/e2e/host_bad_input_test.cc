@@ -1,8 +1,10 @@
 // nxahost on bad input: packages that are missing, damaged or wrongly laid
 // out, clients that reset their connection or never read, and no broker at
 // all. Each gives the library's behaviour, one clear line from the host, and
-// writes nothing outside the modules directory and /tmp/nxa.
+// writes nothing outside the modules directory, /tmp/nxa and the host's own
+// copies of the package.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <thread>
@@ -30,7 +32,9 @@ std::string staging() {
 
 constexpr char kReady[] = "printf 'ready\\n'; while :; do sleep 1; done";
 constexpr char kConnected[] = "[INFO] NXAModule::Module() connection to VLPBus server established";
-constexpr char kFound[] = "[INFO] NXAClient::unpack() /var/opt/velmora/nxa.zip found, continue";
+// The host installs its own copy of the package.
+constexpr char kFound[] =
+    "[INFO] NXAClient::unpack() /var/opt/velmora/.nxahost/install/nxa.zip found, continue";
 
 class HostBadInput : public ::testing::Test {
 protected:
@@ -56,7 +60,7 @@ protected:
         return changesOutside(before_,
                               snapshot({"/var/opt/velmora", "/tmp"},
                                        {scratchDir(), nxatest::backgroundDir(), "/tmp/.nxa-sandbox"}),
-                              {kModulesDir, kUnpackDir});
+                              {kModulesDir, kUnpackDir, kStateDir});
     }
 
     // Runs the host on `modules` to its end and expects status 1, standard
@@ -111,18 +115,20 @@ TEST_F(HostBadInput, TruncatedPackageEndsTheHostWithTheModulesDirectoryEmptied) 
     installPackage({writeModule(sources(), "alpha", "noarch", kReady)});
     std::string const whole = nxatest::readFile(kPackage);
     nxatest::writeFile(kPackage, whole.substr(0, whole.size() / 2));
-    expectSetupFailure({"alpha"}, {kConnected, kFound,
-                                   "[ERROR] nxahost: cannot unzip /var/opt/velmora/nxa.zip to /tmp/nxa: "
-                                   "No such file or directory"});
+    expectSetupFailure(
+        {"alpha"}, {kConnected, kFound,
+                    "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
+                    "No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
     EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
 }
 
 TEST_F(HostBadInput, PackageThatIsNoZipEndsTheHost) {
     nxatest::writeFile(kPackage, "this is not a zip archive\n");
-    expectSetupFailure({"alpha"}, {kConnected, kFound,
-                                   "[ERROR] nxahost: cannot unzip /var/opt/velmora/nxa.zip to /tmp/nxa: "
-                                   "No such file or directory"});
+    expectSetupFailure(
+        {"alpha"}, {kConnected, kFound,
+                    "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
+                    "No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
 }
 
@@ -179,7 +185,7 @@ TEST_F(HostBadInput, ZipSlipEntryRefusesItsWholeArchiveAndWritesNothingOutside) 
          "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/slip.zip to /var/opt/velmora/nxa/slip"
          "[ERROR] nxahost: /var/opt/velmora/nxa/slip/Manifest: No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"alpha"});
-    EXPECT_EQ(listDir("/var/opt/velmora"), (std::vector<std::string>{"nxa", "nxa.zip"}));
+    EXPECT_EQ(listDir("/var/opt/velmora"), (std::vector<std::string>{".nxahost", "nxa", "nxa.zip"}));
 }
 
 TEST_F(HostBadInput, ModuleWithoutManifestEndsTheHost) {
@@ -212,7 +218,7 @@ TEST_F(HostBadInput, HupWithThePackageGoneKeepsTheModulesRunning) {
     host.signal(SIGHUP);
     std::string const refused =
         "[ERROR] nxahost: reload refused, the modules keep running: "
-        "/var/opt/velmora/nxa.zip does not exist";
+        "/var/opt/velmora/nxa.zip does not exist: No such file or directory";
     ASSERT_TRUE(host.waitForLine(refused)) << describe(host);
     EXPECT_TRUE(host.running());
     // The program was left alone: started once, and its client still attached.
@@ -249,6 +255,42 @@ TEST_F(HostBadInput, ClientThatResetsItsConnectionIsOneInfoLineAndTheHostServesT
     EXPECT_TRUE(host.running());
     EXPECT_EQ(countMatchingLines(host.out(), reported), 1) << describe(host);
     EXPECT_EQ(host.out().find("[ERROR]"), std::string::npos) << describe(host);
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << describe(host);
+}
+
+TEST_F(HostBadInput, AClientThatTypesIntoCatWithoutReadingAndLeavesCostsOneLineAndNoMemory) {
+    installPackage({writeModule(sources(), "cat", "noarch", "exec cat")});
+    HostProcess host({"cat"}, {kNoAllocatorQuarantine});
+    ASSERT_TRUE(waitRunning(host, {{"cat", 20100}})) << describe(host);
+    long const before = residentKiB(host.pid());
+    {
+        RawClient typist(20100, 4096);
+        std::string const block(64 * 1024, 'x');
+        for (int i = 0; i < 256; ++i) {
+            ASSERT_EQ(::send(typist.fd(), block.data(), block.size(), MSG_NOSIGNAL),
+                      static_cast<ssize_t>(block.size()));
+        }
+        // Closed with its echo unread: the host's next write or read fails.
+    }
+    std::string const lost = "[INFO] nxahost: connection telnet:# lost: #";
+    auto lostLines = [&] {
+        int count = 0;
+        for (std::string const& line : host.outLines()) {
+            if (line.rfind("[INFO] nxahost: connection telnet:", 0) == 0 &&
+                line.find(" lost: ") != std::string::npos)
+                ++count;
+        }
+        return count;
+    };
+    ASSERT_TRUE(nxatest::waitUntil([&] { return lostLines() > 0; }, kPatience)) << describe(host);
+    // Whatever the host does after the loss comes before this text reaches a new client.
+    Background later(ncCommand(20100));
+    ASSERT_TRUE(textThroughHost(later, "later\n")) << later.output();
+    EXPECT_EQ(lostLines(), 1) << describe(host);
+    long const after = residentKiB(host.pid());
+    EXPECT_LT(after - before, 1024) << "resident memory went from " << before << " to " << after << " KiB";
+    EXPECT_TRUE(host.running());
     host.signal(SIGTERM);
     EXPECT_EQ(host.waitExit(), 0) << describe(host);
 }

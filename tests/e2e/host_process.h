@@ -29,6 +29,12 @@ std::string faultPreload();
 // (see host_leak.supp), as a "LSAN_OPTIONS=..." environment entry.
 std::string leakSuppressionsEnv();
 
+// An environment entry for a host whose memory a test measures: a sanitized
+// host otherwise keeps what it frees in a quarantine of 256 MiB, so its
+// resident memory would never go down. Turns the quarantine off (ignored by a
+// host built without sanitizers).
+constexpr char kNoAllocatorQuarantine[] = "ASAN_OPTIONS=quarantine_size_mb=0";
+
 // A scratch folder of the running test, under /tmp (created on first use).
 std::string scratchDir();
 

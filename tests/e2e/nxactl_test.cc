@@ -123,7 +123,8 @@ std::map<std::string, long long> childPids(HostProcess const& host,
 
 // Starts the host on `modules` (ports from 20100 on) and waits until each runs.
 std::unique_ptr<HostProcess> startHost(std::vector<std::pair<std::string, std::string>> const& modules,
-                                       std::vector<std::string> options = {}) {
+                                       std::vector<std::string> options = {},
+                                       std::vector<std::string> const& env = {}) {
     std::vector<std::string> folders;
     std::vector<std::pair<std::string, unsigned>> ports;
     for (auto const& [name, body] : modules) {
@@ -132,7 +133,7 @@ std::unique_ptr<HostProcess> startHost(std::vector<std::pair<std::string, std::s
         ports.emplace_back(name, 20100 + static_cast<unsigned>(ports.size()));
     }
     installPackage(folders);
-    auto host = std::make_unique<HostProcess>(options);
+    auto host = std::make_unique<HostProcess>(options, env);
     EXPECT_TRUE(waitRunning(*host, ports)) << describe(*host);
     return host;
 }
@@ -652,6 +653,36 @@ TEST(Nxactl, MalformedControlMessagesGetNoReplyAndChangeNothing) {
     EXPECT_EQ(echo["restarts"], 0);
     EXPECT_EQ(echo["clients"], 1);
     EXPECT_EQ(childPids(*host, {"echo"}).at("echo"), pid);
+    EXPECT_TRUE(host->running());
+}
+
+TEST(Nxactl, DeeplyNestedRequestsAndIdsThatAreNoTextOrNumberGetNoReplyAndCostNoMemory) {
+    NXA_REQUIRE_SANDBOX();
+    auto host = startHost({{"echo", kAnswering}}, {}, {kNoAllocatorQuarantine});
+    BusSubscriber prober("prober");
+    publishSystem("NXAHost", "prober", 64, "{\"command\":\"status\",\"id\":\"warm-up\"}");
+    ASSERT_TRUE(prober.waitFor("warm-up")) << prober.output() << describe(*host);
+    long const before = residentKiB(host->pid());
+    // 30,000 levels fit the host's 64 KiB message bound.
+    std::string const deep = "{\"command\":\"status\",\"id\":\"deep\",\"x\":" + std::string(30000, '[') +
+                             std::string(30000, ']') + "}";
+    ASSERT_LT(deep.size(), 64u * 1024u);
+    publishSystem("NXAHost", "prober", 64, deep);
+    for (std::string const id : {"{\"a\":1}", "[1]", "null", "true"})
+        publishSystem("NXAHost", "prober", 64, "{\"command\":\"status\",\"id\":" + id + "}");
+    // Nested just within the bound: an ordinary request.
+    std::string const nested = "{\"command\":\"status\",\"id\":\"nested\",\"x\":" + std::string(31, '[') +
+                               std::string(31, ']') + "}";
+    publishSystem("NXAHost", "prober", 64, nested);
+    ASSERT_TRUE(prober.waitFor("\"id\":\"nested\"")) << describe(*host);
+
+    std::vector<std::string> replies;
+    for (std::string const& line : linesOf(prober.output())) {
+        if (line != "subscriber-probe") replies.push_back(json::parse(line, nullptr, false).value("id", "?"));
+    }
+    EXPECT_EQ(replies, (std::vector<std::string>{"warm-up", "nested"})) << prober.output();
+    long const after = residentKiB(host->pid());
+    EXPECT_LT(after - before, 512) << "resident memory went from " << before << " to " << after << " KiB";
     EXPECT_TRUE(host->running());
 }
 

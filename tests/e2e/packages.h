@@ -15,6 +15,10 @@ constexpr char kPackage[] = "/var/opt/velmora/nxa.zip";
 constexpr char kModulesDir[] = "/var/opt/velmora/nxa";
 // Where the host unpacks the package first.
 constexpr char kUnpackDir[] = "/tmp/nxa";
+// The host's own copies of the package, kept beside it.
+constexpr char kStateDir[] = "/var/opt/velmora/.nxahost";
+// The host's copy of the package, the one the library installs.
+constexpr char kInstalledCopy[] = "/var/opt/velmora/.nxahost/install/nxa.zip";
 
 // A Manifest as the build writes it.
 std::string manifestText(std::string const& name, std::string const& arch);

@@ -95,4 +95,13 @@ std::vector<ProcessInfo> childrenOf(pid_t parent) {
     return children;
 }
 
+long residentKiB(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+    }
+    return -1;
+}
+
 }  // namespace e2e

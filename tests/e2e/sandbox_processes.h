@@ -32,4 +32,7 @@ int liveProcessesRunning(std::string const& exe);
 // The live children of `parent`.
 std::vector<ProcessInfo> childrenOf(pid_t parent);
 
+// The resident memory of process `pid` in KiB (VmRSS); -1 when unknown.
+long residentKiB(pid_t pid);
+
 }  // namespace e2e

@@ -175,6 +175,41 @@ class SlowBrowser(unittest.TestCase):
         self.assertLess(self.host.rss_kib(), rss + 32 * 1024)
 
 
+class VanishedBrowser(unittest.TestCase):
+    def test_a_terminal_that_types_into_cat_without_reading_and_vanishes_costs_one_line(self):
+        folders = [webhost.write_module(tempfile.mkdtemp(), "cat", "exec cat")]
+        webhost.install_package(folders)
+        self.host = webhost.Host(["cat"], env={"ASAN_OPTIONS": "quarantine_size_mb=0"})
+        self.addCleanup(self.host.stop)
+        self.host.wait_running(["cat"])
+        rss = self.host.rss_kib()
+
+        async def typist():
+            term = await Terminal("cat").open()
+            block = b"x" * 65536
+            deadline = time.monotonic() + 15
+            for _ in range(256):
+                try:
+                    await asyncio.wait_for(term.socket.send(block), max(0.1, deadline - time.monotonic()))
+                except asyncio.TimeoutError:
+                    break
+            # Gone without a word: the browser's machine is switched off.
+            term.socket.transport.abort()
+        run(typist())
+
+        lost = re.compile(r"^\[INFO\] nxahost: connection telnet:\d+ lost: ", re.M)
+        self.assertTrue(webhost.wait_until(lambda: lost.search(self.host.out())), self.host.describe())
+        # Whatever the host does after the loss comes before a new terminal is served.
+        async def later():
+            term = await Terminal("cat").open()
+            await term.type("later\n")
+            self.assertTrue(await term.read_until("later\n"), term.received)
+            await term.close()
+        run(later())
+        self.assertEqual(len(lost.findall(self.host.out())), 1, self.host.describe())
+        self.assertLess(self.host.rss_kib(), rss + 1024)
+
+
 class WebTerminals(unittest.TestCase):
     def setUp(self):
         self.host = webhost.start_examples()

@@ -67,7 +67,7 @@ def example_folders(names=("clock", "echo", "greeter")):
 class Host:
     """nxahost as a child of the test, its output going to a file."""
 
-    def __init__(self, args, web_root=True):
+    def __init__(self, args, web_root=True, env=None):
         self.scratch = tempfile.mkdtemp(prefix="nxa-web-")
         self.out_path = os.path.join(self.scratch, "out")
         self.err_path = os.path.join(self.scratch, "err")
@@ -76,7 +76,8 @@ class Host:
             command += ["--web-root", WEB_ROOT]
         command += args
         with open(self.out_path, "w") as out, open(self.err_path, "w") as err:
-            self.process = subprocess.Popen(command, stdout=out, stderr=err, stdin=subprocess.DEVNULL)
+            self.process = subprocess.Popen(command, stdout=out, stderr=err, stdin=subprocess.DEVNULL,
+                                            env=dict(os.environ, **(env or {})))
 
     def out(self):
         with open(self.out_path, errors="replace") as f:
