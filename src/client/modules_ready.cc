@@ -16,7 +16,13 @@ void NXAClient::Modules::forgetReadyIndex() {
 }
 
 void NXAClient::Modules::addFdsCached(FdSet& rd, FdSet& wr) {
-    readyIndex().addTo(rd, wr);
+    ReadyIndex& index = readyIndex();
+#ifdef NXA_CHECK_KEPT_DESCRIPTORS
+    // Debug and sanitizer builds: a Module operation that forgot noteChanged()
+    // ends the process here rather than leaving a stale descriptor behind.
+    index.requireUpToDate(list);
+#endif
+    index.addTo(rd, wr);
 }
 
 void NXAClient::Modules::handleReady(FdSet const& rd, FdSet const& wr) {

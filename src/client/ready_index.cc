@@ -3,6 +3,8 @@
 #include "ready_index.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <iostream>
 
 NXAClient::Modules::ReadyIndex::ReadyIndex(List const& list) : registered_(list.size()) {
     // Each module is listed at most once: listing never allocates.
@@ -17,10 +19,14 @@ void NXAClient::Modules::ReadyIndex::forget(List const& list) {
     for (auto const& module : list) module->changeNote = Module::ChangeNote{};
 }
 
+// Every changed module gives up its old descriptors before any takes its new
+// ones: a number that went from one changed module to another within the turn
+// must lose the old owner's read and write interest before the new owner adds
+// its own, whichever of the two was listed first.
 void NXAClient::Modules::ReadyIndex::refresh(List const& list) {
     if (changed_.empty()) return;
+    for (std::size_t slot : changed_) giveUp(slot);
     for (std::size_t slot : changed_) {
-        giveUp(slot);
         Module const& module = *list[slot];
         module.changeNote.listed = false;
         take(module, slot);
@@ -28,8 +34,7 @@ void NXAClient::Modules::ReadyIndex::refresh(List const& list) {
     changed_.clear();
 }
 
-// A number that went from one changed module to another within the turn may
-// have been taken by its new owner already: only the owner gives it up.
+// Only the recorded owner of a number gives it up.
 void NXAClient::Modules::ReadyIndex::giveUp(std::size_t slot) {
     Registered& old = registered_[slot];
     for (std::vector<int> const* fds : {&old.rd, &old.wr}) {
@@ -89,4 +94,32 @@ void NXAClient::Modules::ReadyIndex::noteOwners(FdSet const& set) {
         if (at < owner_.size() && owner_[at] != kNobody)
             ready_.push_back(static_cast<std::size_t>(owner_[at]));
     }
+}
+
+namespace {
+
+std::string listed(FdSet const& set) {
+    std::string text;
+    for (int fd = set.next(0); fd != -1; fd = set.next(fd + 1)) text += " " + std::to_string(fd);
+    return text.empty() ? " none" : text;
+}
+
+bool sameMembers(FdSet const& a, FdSet const& b) {
+    int x = a.next(0), y = b.next(0);
+    for (; x != -1 && x == y; x = a.next(x + 1), y = b.next(y + 1)) {
+    }
+    return x == y;
+}
+
+}  // namespace
+
+void NXAClient::Modules::ReadyIndex::requireUpToDate(List const& list) {
+    scratchRd_.clear();
+    scratchWr_.clear();
+    for (auto const& module : list) module->addFds(scratchRd_, scratchWr_);
+    if (sameMembers(scratchRd_, rd_) && sameMembers(scratchWr_, wr_)) return;
+    std::cerr << "NXAModules: kept descriptors differ from the modules' own (a change without noteChanged)\n"
+              << "  kept read:" << listed(rd_) << "\n  own read:" << listed(scratchRd_)
+              << "\n  kept write:" << listed(wr_) << "\n  own write:" << listed(scratchWr_) << std::endl;
+    std::abort();
 }

@@ -35,6 +35,11 @@ public:
     // The places of the modules with a descriptor set in `rd` or `wr`,
     // ascending; valid until the next call.
     std::vector<std::size_t> const& collectReady(FdSet const& rd, FdSet const& wr);
+    // Ends the process with a message on standard error when the kept
+    // descriptors differ from what every module's addFds() gives now: a
+    // Module operation that changed its descriptors without noteChanged().
+    // For checking builds only: it asks every module.
+    void requireUpToDate(List const& list);
 
 private:
     struct Registered {

@@ -158,6 +158,32 @@ TEST_F(ReadyTurn, NumberGivenUpByOneModuleAndAcceptedByTheNextInOneTurnBelongsTo
     ASSERT_TRUE(turnUntil([&] { return holds(arriving, "you typed hello"); }));
 }
 
+TEST_F(ReadyTurn, ANumberThatLeavesAModuleWatchingItForWritingLosesThatInterestWhenAnEarlierModuleTakesIt) {
+    configure({"a", "b"}, kEcho);
+    LoopbackClient watcher(kPort + 1);
+    ASSERT_TRUE(turnUntil([&] { return allStarted() && holds(watcher, "starting module \"b\""); }));
+    std::string const watcherId = module(1).getConsumers()[1].id;
+    // b watches its client's number for writing: output waits for it.
+    SystemMessage notice;
+    notice.setText("for b's client\n");
+    module(1).handleInput(notice);
+    expectCachedEqualsFull("b's client has output waiting");
+    std::string drained;
+    module(0).getRunLog(drained);
+
+    // Within one turn, a changes first; then b lets its client go and a
+    // accepts a client that is given the same number, with nothing to write.
+    LoopbackClient arriving(kPort);
+    module(0).announce("running");
+    ASSERT_TRUE(module(1).detach(watcherId));
+    FdSet accept;
+    accept.add(NXATestAccess::serverfd(module(0)));
+    module(0).handleInput(accept);
+    ASSERT_EQ(module(0).getConsumers().size(), 2u);
+    ASSERT_EQ(module(0).getConsumers()[1].id, watcherId) << "the number was handed out again";
+    expectCachedEqualsFull("the number moved from b to a");
+}
+
 TEST_F(ReadyTurn, AListConfiguredAgainOrScannedIsTakenAfresh) {
     configure({"a", "b"}, kEcho);
     expectCachedEqualsFull("first list");
