@@ -175,6 +175,8 @@ public:
         // "cannot write to <id>" on a write error, VLException "EOF on <id>" (socket
         // closed) when nothing could be written.
         void write(FdSet const& wr) override;
+        // The connection's descriptor; -1 once it is closed.
+        int getFd() const { return fd; }
 
     private:
         int fd;

@@ -8,20 +8,11 @@
 namespace {
 
 constexpr char kRunLogId[] = "client";
-constexpr char kTelnetPrefix[] = "telnet:";
 
-bool isTelnet(std::string const& id) {
-    return id.compare(0, sizeof kTelnetPrefix - 1, kTelnetPrefix) == 0;
-}
-
-// "a.b.c.d:port" of the peer connected to the telnet id's descriptor; empty when unknown.
-std::string peerAddress(std::string const& id) {
-    int fd = -1;
-    try {
-        fd = std::stoi(id.substr(sizeof kTelnetPrefix - 1));
-    } catch (...) {
-        return {};
-    }
+// "a.b.c.d:port" of the peer connected to `fd`; empty when unknown or closed
+// (a closed client's number may belong to another socket by now).
+std::string peerAddress(int fd) {
+    if (fd < 0) return {};
     sockaddr_in addr{};
     socklen_t len = sizeof addr;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || addr.sin_family != AF_INET)
@@ -41,7 +32,8 @@ std::vector<NXAClient::Module::Consumer> NXAClient::Module::getConsumers() const
         c.id = peer.getId();
         bool const log = &peer == getRunLogPeer();
         c.kind = log ? "log" : dynamic_cast<PeerTelnet const*>(&peer) ? "tcp" : "bus";
-        c.address = c.kind == "tcp" && isTelnet(c.id) ? peerAddress(c.id) : std::string();
+        auto const* telnet = dynamic_cast<PeerTelnet const*>(&peer);
+        c.address = telnet != nullptr && !log ? peerAddress(telnet->getFd()) : std::string();
         c.counters = peer.getCounters();
         c.queuedChunks = peer.getQueue().size();
         c.queuedBytes = peer.queuedBytes();

@@ -239,6 +239,24 @@ TEST_F(ModuleSupervision, ConsumersAreListedWithTheirKindAndAddress) {
     EXPECT_EQ(consumers[2].address, "");
 }
 
+TEST_F(ModuleSupervision, AClosedClientShowsNoAddressEvenWhenItsNumberServesAnotherSocket) {
+    make();
+    Client client(kPort);
+    ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return Access::peers(*module).size() == 2; }));
+    int const number = std::stoi(module->getConsumers()[1].id.substr(std::string("telnet:").size()));
+    Access::peers(*module).close();
+    // Another connection is given the number the closed client had.
+    int const other = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(other, number) << "the next socket takes the lowest free number";
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(kPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(other, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    EXPECT_EQ(module->getConsumers()[1].address, "");
+    ::close(other);
+}
+
 TEST_F(ModuleSupervision, DetachClosesATcpClientAndRefusesTheRunLogAndUnknownIds) {
     make();
     Client client(kPort);
