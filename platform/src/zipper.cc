@@ -17,11 +17,14 @@ namespace {
 
 std::atomic<unsigned> debugLevel{0};
 
-// The one trace line of a call, written at level 1 and above.
-void trace(char const* function, std::string const& text) {
-    if (debugLevel.load() == 0) return;
+// The one trace line of a call: a success at level 1 and above, a failure
+// always, as a WARNING naming the reason (a bomb, a full disk and a damaged
+// file each say so), beside whatever its caller writes.
+void trace(char const* function, std::string const& text, bool failed) {
+    if (!failed && debugLevel.load() == 0) return;
     std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-    std::cout << "[DEBUG] zipper::" << function << "() " << text << std::endl;
+    std::cout << (failed ? "[WARNING] zipper::" : "[DEBUG] zipper::") << function << "() " << text
+              << std::endl;
 }
 
 // Runs `body`, turning every way it can fail into a Failure.
@@ -106,9 +109,9 @@ int runTraced(char const* function, std::string const& subject, std::function<un
     Failure const failure = attempt(body, count);
     try {
         if (failure.err == 0) {
-            trace(function, subject + ": " + std::to_string(count) + " entries");
+            trace(function, subject + ": " + std::to_string(count) + " entries", false);
         } else {
-            trace(function, subject + ": failed: " + failure.reason);
+            trace(function, subject + ": failed: " + failure.reason, true);
         }
     } catch (...) {
         // A trace line that cannot be written must not turn into a different result.

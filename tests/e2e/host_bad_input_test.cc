@@ -116,9 +116,12 @@ TEST_F(HostBadInput, TruncatedPackageEndsTheHostWithTheModulesDirectoryEmptied) 
     std::string const whole = nxatest::readFile(kPackage);
     nxatest::writeFile(kPackage, whole.substr(0, whole.size() / 2));
     expectSetupFailure(
-        {"alpha"}, {kConnected, kFound,
-                    "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
-                    "No such file or directory"});
+        {"alpha"},
+        {kConnected, kFound,
+         "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/.nxahost/install/nxa.zip -> /tmp/nxa: "
+         "failed: cannot open /var/opt/velmora/.nxahost/install/nxa.zip: Not a zip archive",
+         "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
+         "No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
     EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
 }
@@ -126,9 +129,12 @@ TEST_F(HostBadInput, TruncatedPackageEndsTheHostWithTheModulesDirectoryEmptied) 
 TEST_F(HostBadInput, PackageThatIsNoZipEndsTheHost) {
     nxatest::writeFile(kPackage, "this is not a zip archive\n");
     expectSetupFailure(
-        {"alpha"}, {kConnected, kFound,
-                    "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
-                    "No such file or directory"});
+        {"alpha"},
+        {kConnected, kFound,
+         "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/.nxahost/install/nxa.zip -> /tmp/nxa: "
+         "failed: cannot open /var/opt/velmora/.nxahost/install/nxa.zip: Not a zip archive",
+         "[ERROR] nxahost: cannot unzip /var/opt/velmora/.nxahost/install/nxa.zip to /tmp/nxa: "
+         "No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{});
 }
 
@@ -141,6 +147,9 @@ TEST_F(HostBadInput, InnerArchiveThatDoesNotUnpackLeavesItsWarningOpenAndItsModu
     expectSetupFailure(
         {"alpha", "broken"},
         {kConnected, kConnected, kFound,
+         "[WARNING] zipper::unZipWithDirs() /tmp/nxa/broken.zip -> /var/opt/velmora/nxa/broken: failed: "
+         "cannot open "
+         "/tmp/nxa/broken.zip: Not a zip archive",
          "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/broken.zip to /var/opt/velmora/nxa/broken"
          "[ERROR] nxahost: /var/opt/velmora/nxa/broken/Manifest: No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"alpha"});
@@ -182,6 +191,9 @@ TEST_F(HostBadInput, ZipSlipEntryRefusesItsWholeArchiveAndWritesNothingOutside) 
     expectSetupFailure(
         {"alpha", "slip"},
         {kConnected, kConnected, kFound,
+         "[WARNING] zipper::unZipWithDirs() /tmp/nxa/slip.zip -> /var/opt/velmora/nxa/slip: failed: refused "
+         "entry "
+         "\"../../escaped\": \"..\" component",
          "[WARNING] NXAClient::unpack() cannot unzip /tmp/nxa/slip.zip to /var/opt/velmora/nxa/slip"
          "[ERROR] nxahost: /var/opt/velmora/nxa/slip/Manifest: No such file or directory"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"alpha"});

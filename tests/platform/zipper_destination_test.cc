@@ -44,7 +44,7 @@ protected:
         EXPECT_EQ(zipper::unZipWithDirs(from, dest, ""), -1);
         EXPECT_EQ(errno, EINVAL);
         EXPECT_EQ(out.release(),
-                  "[DEBUG] zipper::unZipWithDirs() " + from + " -> " + dest + ": failed: " + reason + "\n");
+                  "[WARNING] zipper::unZipWithDirs() " + from + " -> " + dest + ": failed: " + reason + "\n");
         EXPECT_EQ(listTree(root_.path()), before);
     }
 

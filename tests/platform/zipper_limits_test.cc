@@ -87,7 +87,7 @@ protected:
         errno = 0;
         EXPECT_EQ(zipper::unZipWithDirs(archive, dest(), ""), -1);
         EXPECT_EQ(errno, err);
-        EXPECT_EQ(out.release(), "[DEBUG] zipper::unZipWithDirs() " + archive + " -> " + dest() +
+        EXPECT_EQ(out.release(), "[WARNING] zipper::unZipWithDirs() " + archive + " -> " + dest() +
                                      ": failed: " + reason + "\n");
         EXPECT_EQ(listTree(root_.path()), before);
     }

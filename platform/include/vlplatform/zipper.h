@@ -5,11 +5,14 @@
 
 namespace zipper {
 
-// Sets the trace level of the zip helpers. At 0 they write nothing; at 1 and
-// above each call of zipFolderAsFolder or unZipWithDirs writes one line on
-// standard output, under LogUtil::logMutex, flushed:
+// Sets the trace level of the zip helpers. A call of zipFolderAsFolder,
+// zipFolderContents or unZipWithDirs that fails always writes one line on
+// standard output, under LogUtil::logMutex, flushed, naming why (an archive
+// over the unpack budget, an entry's compression ratio, a refused entry or
+// destination, damaged data, a failed system call):
+//     [WARNING] zipper::<function>() <from> -> <to>: failed: <reason>
+// At level 1 and above a call that succeeds writes one too:
 //     [DEBUG] zipper::<function>() <from> -> <to>: <n> entries
-//     [DEBUG] zipper::<function>() <from> -> <to>: failed: <reason>
 // where <from> and <to> are the two paths as given.
 void setDebug(unsigned level);
 
