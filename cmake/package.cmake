@@ -3,12 +3,16 @@
 #   nxaclient-config-version.cmake  which requested versions this one satisfies
 #   nxaclient-targets*.cmake        the imported targets nxaclient::nxaclient and
 #                                   nxaclient::vlplatform
+#   nxahost-targets*.cmake          the imported target nxaclient::nxahost (the
+#                                   host kit, the component nxahost)
 # Under <libdir>, not share/: the targets name this architecture's libraries.
 include(CMakePackageConfigHelpers)
 
 set(NXA_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/nxaclient)
 
 install(EXPORT nxaclient-targets NAMESPACE nxaclient:: DESTINATION ${NXA_PACKAGE_DIR} COMPONENT dev)
+# The host kit, read for find_package(nxaclient CONFIG COMPONENTS nxahost).
+install(EXPORT nxahost-targets NAMESPACE nxaclient:: DESTINATION ${NXA_PACKAGE_DIR} COMPONENT dev)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/nxaclient-config.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/nxaclient-config.cmake

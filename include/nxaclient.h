@@ -341,10 +341,17 @@ public:
         // Returns whether it is up. Nothing happens when it is up already.
         bool reconnectBus();
 
+        // What a consumer of the module's output is: the run log, a TCP
+        // client or a bus subscriber.
+        enum class ConsumerKind { log, tcp, bus };
+        // "log", "tcp" or "bus".
+        static char const* kindName(ConsumerKind kind) {
+            return kind == ConsumerKind::log ? "log" : kind == ConsumerKind::tcp ? "tcp" : "bus";
+        }
         // One consumer of the module's output, as seen now.
         struct Consumer {
-            std::string id;       // the peer's id: "client" (the run log), "telnet:<fd>", or a bus name
-            std::string kind;     // "log", "tcp" or "bus"
+            std::string id;  // the peer's id: "client" (the run log), "telnet:<fd>", or a bus name
+            ConsumerKind kind = ConsumerKind::log;
             std::string address;  // a TCP client's address and port; empty for the others
             Peer::Counters counters;
             unsigned long long queuedChunks;
@@ -428,7 +435,8 @@ public:
         // Destroys every module (ending its child) and empties the list.
         void stop();
 
-        // The module called `name`, or null.
+        // The module called `name` (the first of that name), or null. Takes
+        // time logarithmic in the number of modules.
         Module* find(std::string const& name) const;
         // Every module, in configuration order.
         std::vector<Module*> getModules() const;
@@ -479,6 +487,9 @@ public:
         std::vector<std::unique_ptr<Module>> list;
         Proc proc;
         std::unique_ptr<ReadyIndex> ready;
+        // The modules by name, made by find() after the list changed.
+        mutable std::map<std::string, Module*> byName;
+        mutable bool byNameMade = false;
 
         friend struct ::NXATestAccess;
     };
@@ -496,6 +507,10 @@ public:
     static constexpr char NXA_DEVEL_ZIP[18] = "/tmp/nxadevel.zip";
     static constexpr char NXA_BIN[9] = "nxadevel";
     static constexpr char NXA_ZIP[8] = "nxa.zip";
+    // A module's bus name is this prefix followed by the module's name; its
+    // bus connection goes to the broker on 127.0.0.1 at NXA_BUS_PORT.
+    static constexpr char NXA_MODULE_BUS_PREFIX[11] = "NXAModule_";
+    static constexpr unsigned short NXA_BUS_PORT = 20010;
 
     // packageDir: where unpack() looks for nxa.zip; modulesDir: where modules are
     // installed and their manifests checked; workDir: the build workspace; the

@@ -18,6 +18,7 @@ NXAClient::Modules::Modules(unsigned short firstPort, unsigned long most)
 void NXAClient::Modules::configure(std::vector<std::string> const& names) {
     NXA_DEBUG(kModules, "#modulenames=", names.size());
     stop();
+    byNameMade = false;
     // Ports wrap after 65535; port 0 then asks the system for any free port.
     std::uint32_t next = port;
     for (std::string const& name : names) {
@@ -38,6 +39,7 @@ void NXAClient::Modules::scan(std::string const& dir) {
     NXA_DEBUG(kModules, "machine=", system.machine);
     std::string const machine = system.machine;
     forgetReadyIndex();
+    byNameMade = false;
     for (auto it = list.begin(); it != list.end();) {
         if ((*it)->scan(dir, machine)) {
             ++it;

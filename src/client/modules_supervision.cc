@@ -29,6 +29,7 @@ void NXAClient::Modules::stop() {
     forgetReadyIndex();
     for (auto& module : list) module.reset();
     list.clear();
+    byNameMade = false;
     NXA_DEBUG(kModules, "pid=", getpid(), " done");
 }
 
@@ -39,10 +40,13 @@ NXAClient::Modules::~Modules() {
 }
 
 NXAClient::Module* NXAClient::Modules::find(std::string const& name) const {
-    for (auto const& module : list) {
-        if (module->getName() == name) return module.get();
+    if (!byNameMade) {
+        byName.clear();
+        for (auto const& module : list) byName.emplace(module->getName(), module.get());
+        byNameMade = true;
     }
-    return nullptr;
+    auto const found = byName.find(name);
+    return found == byName.end() ? nullptr : found->second;
 }
 
 std::vector<NXAClient::Module*> NXAClient::Modules::getModules() const {

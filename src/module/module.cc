@@ -21,7 +21,6 @@ using nxa::trace::kModule;
 
 // The bus server every module talks to ("" is the platform's default host).
 constexpr char kBusHost[] = "";
-constexpr unsigned short kBusPort = 20010;
 constexpr char kBusServer[] = "VLPBusServer";
 constexpr int kBusAttempts = 10;
 // VLPBus::statusNames[2]: the state a module announces once it is set up.
@@ -95,7 +94,7 @@ void NXAClient::Module::openTerminal() {
 // The client is stored before it is known to connect: when the retries give
 // up, the exception leaves it allocated (and the descriptors open). Deliberate.
 void NXAClient::Module::connectToBus() {
-    bus = new VLPBusClient(kBusHost, kBusPort, "NXAModule_" + name);
+    bus = new VLPBusClient(kBusHost, NXA_BUS_PORT, NXA_MODULE_BUS_PREFIX + name);
     bus->setup();
     retryBusConnection();
     NXA_INFO_AS(kModule, kConstructor, "connection to VLPBus server established");

@@ -31,8 +31,8 @@ std::vector<NXAClient::Module::Consumer> NXAClient::Module::getConsumers() const
         Consumer c;
         c.id = peer.getId();
         bool const log = &peer == getRunLogPeer();
-        c.kind = log ? "log" : dynamic_cast<PeerTelnet const*>(&peer) ? "tcp" : "bus";
         auto const* telnet = dynamic_cast<PeerTelnet const*>(&peer);
+        c.kind = log ? ConsumerKind::log : telnet != nullptr ? ConsumerKind::tcp : ConsumerKind::bus;
         c.address = telnet != nullptr && !log ? peerAddress(telnet->getFd()) : std::string();
         c.counters = peer.getCounters();
         c.queuedChunks = peer.getQueue().size();

@@ -40,7 +40,7 @@ void NXAClient::PeerVLPBus::write(FdSet const& wr) {
     msg->setKind(nxa::kTextKind);
     msg->setText(queue.front().data->bytes);
     msg->stripNullChar();
-    bus->sendTo("NXAModule_" + module.getName(), id, std::move(msg));
+    bus->sendTo(NXAClient::NXA_MODULE_BUS_PREFIX + module.getName(), id, std::move(msg));
     // Only once sent: when sendTo throws, the chunk is tried again next cycle.
     countDelivered(queue.front().data->bytes.size() - queue.front().offset);
     queue.pop_front();

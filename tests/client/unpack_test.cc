@@ -211,7 +211,12 @@ TEST_F(Unpack, CorruptPackageIsAnErrorWithCodeTwo) {
     nxatest::Capture out;
     errno = 0;
     expectFailure(2, "cannot unzip /var/opt/velmora/pkg/nxa.zip to /tmp/nxa: No such file or directory");
-    EXPECT_EQ(out.text(), "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n");
+    // The zip helpers say why, beside the library's own text.
+    EXPECT_EQ(
+        out.text(),
+        "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n"
+        "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/pkg/nxa.zip -> /tmp/nxa: failed: cannot open "
+        "/var/opt/velmora/pkg/nxa.zip: Not a zip archive\n");
     EXPECT_TRUE(listDir(kModulesDir).empty());
 }
 
@@ -222,7 +227,11 @@ TEST_F(Unpack, AnInnerArchiveThatDoesNotUnpackIsWarnedAboutOnAnOpenLine) {
     makePackage(staging.path(), kPackage, {"a.zip", "bad.zip"});
     nxatest::Capture out;
     expectFailure(ENOENT, "/var/opt/velmora/nxa/bad/Manifest: No such file or directory");
-    std::string const found = "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n";
+    // The zip helpers' own line says why, flushed, before the library's.
+    std::string const found =
+        "[INFO] NXAClient::unpack() /var/opt/velmora/pkg/nxa.zip found, continue\n"
+        "[WARNING] zipper::unZipWithDirs() /tmp/nxa/bad.zip -> /var/opt/velmora/nxa/bad: failed: cannot open "
+        "/tmp/nxa/bad.zip: Not a zip archive\n";
     // Neither ended nor flushed: whatever is written next continues the line.
     EXPECT_EQ(out.textUnflushed(), found);
     EXPECT_EQ(

@@ -231,11 +231,11 @@ TEST_F(ModuleSupervision, ConsumersAreListedWithTheirKindAndAddress) {
     std::vector<NXAClient::Module::Consumer> const consumers = module->getConsumers();
     ASSERT_EQ(consumers.size(), 3u);
     EXPECT_EQ(consumers[0].id, "client");
-    EXPECT_EQ(consumers[0].kind, "log");
-    EXPECT_EQ(consumers[1].kind, "tcp");
+    EXPECT_EQ(consumers[0].kind, NXAClient::Module::ConsumerKind::log);
+    EXPECT_EQ(consumers[1].kind, NXAClient::Module::ConsumerKind::tcp);
     EXPECT_EQ(consumers[1].address.rfind("127.0.0.1:", 0), 0u) << consumers[1].address;
     EXPECT_EQ(consumers[2].id, "viewer");
-    EXPECT_EQ(consumers[2].kind, "bus");
+    EXPECT_EQ(consumers[2].kind, NXAClient::Module::ConsumerKind::bus);
     EXPECT_EQ(consumers[2].address, "");
 }
 

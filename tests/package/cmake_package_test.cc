@@ -113,11 +113,57 @@ TEST_F(CMakePackage, FilesNameNoPackageOfThePlatformsOwnDependencies) {
     EXPECT_NE(names.output.find("nxaclient-config-version.cmake\n"), std::string::npos) << names.output;
     EXPECT_NE(names.output.find("nxaclient-targets.cmake\n"), std::string::npos) << names.output;
 
+    EXPECT_NE(names.output.find("nxahost-targets.cmake\n"), std::string::npos) << names.output;
+
     // Comments aside.
     nxatest::ShellResult const named =
-        nxatest::shell("grep -i -n -E '^[^#]*(pkgconfig|pkg_check|zip|mosquitto|find_dependency)' '" +
+        nxatest::shell("grep -i -n -E '^[^#]*(pkgconfig|pkg_check|zip|mosquitto|websockets|glib)' '" +
                        packageDir() + "'/*.cmake");
-    EXPECT_EQ(named.status, 1) << "the package names the platform's dependencies:\n" << named.output;
+    EXPECT_EQ(named.status, 1) << "the package names the libraries' own dependencies:\n" << named.output;
+    // The one package looked for is what the kit's headers include, and only for the kit.
+    nxatest::ShellResult const looked =
+        nxatest::shell("grep -h -E '^[^#]*find_dependency' '" + packageDir() + "'/*.cmake");
+    EXPECT_EQ(trimmed(looked.output), "find_dependency(nlohmann_json 3)") << looked.output;
+}
+
+// A consumer of the host kit: the component nxahost, found with the system's
+// own packages (nlohmann's JSON) besides the installed tree.
+constexpr char kKitProbe[] = R"(cmake_minimum_required(VERSION 3.18)
+project(kitprobe LANGUAGES CXX)
+find_package(nxaclient CONFIG REQUIRED COMPONENTS ${WANT})
+foreach(property TYPE INTERFACE_INCLUDE_DIRECTORIES INTERFACE_LINK_LIBRARIES INTERFACE_COMPILE_FEATURES)
+  get_target_property(value nxaclient::nxahost ${property})
+  message(STATUS "nxa: ${property}=${value}")
+endforeach()
+get_target_property(configs nxaclient::nxahost IMPORTED_CONFIGURATIONS)
+list(GET configs 0 config)
+get_target_property(location nxaclient::nxahost IMPORTED_LOCATION_${config})
+get_target_property(soname nxaclient::nxahost IMPORTED_SONAME_${config})
+message(STATUS "nxa: location=${location}")
+message(STATUS "nxa: soname=${soname}")
+)";
+
+TEST_F(CMakePackage, TheHostKitIsTheComponentNxahostWithItsLibraryAndHeaders) {
+    std::string const probe = freshDir("kit-probe");
+    nxatest::writeFile(probe + "/CMakeLists.txt", kKitProbe);
+    nxatest::ShellResult const r = configureConsumer(probe, probe + "/build", prefix_, "-DWANT=nxahost");
+    ASSERT_EQ(r.status, 0) << r.output;
+    std::map<std::string, std::string> v = probeValues(r.output);
+    std::string const lib = libDir(prefix_);
+    EXPECT_EQ(v["TYPE"], "SHARED_LIBRARY");
+    EXPECT_EQ(v["INTERFACE_INCLUDE_DIRECTORIES"], prefix_ + "/include");
+    EXPECT_EQ(v["INTERFACE_LINK_LIBRARIES"],
+              "nxaclient::nxaclient;nxaclient::vlplatform;nlohmann_json::nlohmann_json");
+    EXPECT_EQ(v["INTERFACE_COMPILE_FEATURES"], "cxx_std_17");
+    EXPECT_EQ(v["location"], lib + "/libnxahost.so." + projectVersion());
+    EXPECT_EQ(v["soname"], "libnxahost.so.0");
+    EXPECT_TRUE(exists(v["location"]));
+    EXPECT_TRUE(exists(prefix_ + "/include/nxahost/program_supervisor.h"));
+    EXPECT_TRUE(exists(prefix_ + "/include/nxahost/control_server.h"));
+
+    nxatest::ShellResult const unknown =
+        configureConsumer(probe, probe + "/build-unknown", prefix_, "-DWANT=nothing");
+    EXPECT_NE(unknown.status, 0) << unknown.output;
 }
 
 TEST_F(CMakePackage, VersionFileTakesTheSameReleaseSeriesOnly) {

@@ -47,6 +47,26 @@ TEST(PkgConfig, FilesPointIntoThePrefixInstalledToWithBothLibraries) {
     EXPECT_TRUE(exists(answer(prefix, "--variable=includedir vlplatform") + "/vlplatform/vlpbus_client.h"));
 }
 
+TEST(PkgConfig, TheHostKitsFileNamesItsLibraryTheOthersAndWhatItsHeadersInclude) {
+    NXA_REQUIRE_SANDBOX();
+    std::string const prefix = freshDir("pkg-kit");
+    ASSERT_NO_FATAL_FAILURE(installInto(prefix));
+    std::string const lib = libDir(prefix);
+    // The kit's headers include nlohmann's JSON, which the system provides.
+    auto kit = [&](std::string const& args) {
+        nxatest::ShellResult const r =
+            nxatest::shell("PKG_CONFIG_PATH='" + lib + "/pkgconfig' pkg-config " + args + " nxahost");
+        return r.status == 0 ? trimmed(r.output) : "failed: " + r.output;
+    };
+    EXPECT_EQ(kit("--modversion"), projectVersion());
+    EXPECT_EQ(kit("--libs"), "-L" + lib + " -lnxahost -lnxaclient -lvlplatform");
+    EXPECT_EQ(kit("--cflags"), "-I" + prefix + "/include");
+    EXPECT_EQ(kit("--print-requires"), "nxaclient = " + projectVersion() + "\nnlohmann_json");
+    EXPECT_EQ(kit("--print-requires-private"), "");
+    EXPECT_TRUE(exists(lib + "/libnxahost.so"));
+    EXPECT_TRUE(exists(prefix + "/include/nxahost/web_console.h"));
+}
+
 TEST(PkgConfig, TwoPrefixesInstalledFromOneBuildEachNameTheirOwn) {
     NXA_REQUIRE_SANDBOX();
     std::string const first = freshDir("pkg-first");

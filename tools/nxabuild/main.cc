@@ -1,11 +1,12 @@
 // nxabuild: builds a module's sources into the development package, zips a
 // workspace's sources, or links a shared data file into the workspace, through
 // the library's build operations.
+#include <nxahost/device.h>
+
 #include <exception>
 #include <iostream>
 #include <string>
 
-#include "nxa_constants.h"
 #include "nxaclient.h"
 #include "options.h"
 
@@ -13,10 +14,10 @@ namespace {
 
 // The fixed configuration of the device; only the workspace and the trace
 // level come from the command line.
-using nxatools::kDataDir;
-using nxatools::kFirstModulePort;
-using nxatools::kModulesDir;
-using nxatools::kPackageDir;
+using nxahost::kDataDir;
+using nxahost::kFirstModulePort;
+using nxahost::kModulesDir;
+using nxahost::kPackageDir;
 
 // Runs the command; returns the line that says what came of it.
 std::string perform(NXAClient& client, BuildOptions const& o, std::string& log) {

@@ -85,7 +85,7 @@ std::string finish(BuildOptions& o) {
 }  // namespace
 
 std::string buildUsage() {
-    std::string const dataDir = nxatools::kDataDir;
+    std::string const dataDir = nxahost::kDataDir;
     return "usage: nxabuild [--work-dir DIR] [--debug N] build SRC.zip [--force]\n"
            "       nxabuild [--work-dir DIR] [--debug N] sources DEST.zip\n"
            "       nxabuild [--work-dir DIR] [--debug N] link NAME\n"
@@ -103,7 +103,7 @@ std::string buildUsage() {
            "/NAME\n"
            "\n"
            "  --work-dir DIR  the build workspace (default " +
-           nxatools::kWorkDir +
+           nxahost::kWorkDir +
            ")\n"
            "  --debug N       trace level (0: INFO lines only; 1 and 2: more)\n"
            "\n"

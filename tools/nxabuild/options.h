@@ -1,9 +1,9 @@
 // Command line of nxabuild, the developer's build tool.
 #pragma once
 
-#include <string>
+#include <nxahost/device.h>
 
-#include "nxa_constants.h"
+#include <string>
 
 // What to do and with which arguments. Paths are absolute once parsed: the
 // library runs its commands in the workspace's source directory.
@@ -11,7 +11,7 @@ struct BuildOptions {
     enum class Command { Help, Build, Sources, Link };
 
     Command command = Command::Help;
-    std::string workDir = nxatools::kWorkDir;
+    std::string workDir = nxahost::kWorkDir;
     unsigned debug = 0;
     // SRC.zip for build, DEST.zip for sources, NAME for link.
     std::string argument;

@@ -1,20 +1,24 @@
 #include "commands.h"
 
+#include <nxahost/control_client.h>
+#include <nxahost/control_protocol.h>
+
 #include <iostream>
 
-#include "control_session.h"
 #include "follow.h"
 #include "views.h"
 
 namespace {
 
 using json = nlohmann::json;
+namespace control = nxahost::control;
+namespace key = control::key;
 
 // Asks the host once; the answer when it says "ok", else throws its error.
 json askHost(CtlOptions const& options, json const& request) {
-    ControlSession session(options);
-    session.connect();
-    return requireOk(session.ask(request));
+    nxahost::ControlClient client(controlSetup(options));
+    client.connect();
+    return nxahost::requireOk(client.ask(request));
 }
 
 // The list `key` of an answer; an empty one when the host sent none.
@@ -32,14 +36,15 @@ void printList(CtlOptions const& options, json const& list, Table const& table) 
 }
 
 int status(CtlOptions const& options) {
-    json const modules = listOf(askHost(options, {{"command", "status"}}), "modules");
+    json const modules = listOf(askHost(options, {{key::kCommand, control::kStatus}}), key::kModules);
     printList(options, modules, statusTable(modules));
     return 0;
 }
 
 int clients(CtlOptions const& options) {
     json const clients =
-        listOf(askHost(options, {{"command", "clients"}, {"module", options.args[0]}}), "clients");
+        listOf(askHost(options, {{key::kCommand, control::kClients}, {key::kModule, options.args[0]}}),
+               key::kConsumers);
     printList(options, clients, clientsTable(clients));
     return 0;
 }
@@ -47,14 +52,14 @@ int clients(CtlOptions const& options) {
 int kick(CtlOptions const& options) {
     std::string const& module = options.args[0];
     std::string const& client = options.args[1];
-    askHost(options, {{"command", "kick"}, {"module", module}, {"client", client}});
+    askHost(options, {{key::kCommand, control::kKick}, {key::kModule, module}, {key::kClient, client}});
     std::cout << "detached client " << client << " from module " << module << "\n";
     return 0;
 }
 
 int restart(CtlOptions const& options) {
     std::string const& module = options.args[0];
-    askHost(options, {{"command", "restart"}, {"module", module}});
+    askHost(options, {{key::kCommand, control::kRestart}, {key::kModule, module}});
     std::cout << "restarted module " << module << "\n";
     return 0;
 }
@@ -62,9 +67,9 @@ int restart(CtlOptions const& options) {
 }  // namespace
 
 int runCommand(CtlOptions const& options) {
-    if (options.command == "status") return status(options);
-    if (options.command == "clients") return clients(options);
-    if (options.command == "kick") return kick(options);
-    if (options.command == "restart") return restart(options);
+    if (options.command == control::kStatus) return status(options);
+    if (options.command == control::kClients) return clients(options);
+    if (options.command == control::kKick) return kick(options);
+    if (options.command == control::kRestart) return restart(options);
     return follow(options);
 }

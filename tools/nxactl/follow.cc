@@ -1,5 +1,7 @@
 #include "follow.h"
 
+#include <nxahost/control_client.h>
+#include <nxahost/device.h>
 #include <unistd.h>
 #include <vlplatform/fd_set.h>
 
@@ -7,21 +9,21 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "control_session.h"
-#include "nxa_constants.h"
 #include "stop_signals.h"
 
 namespace {
 
 using json = nlohmann::json;
+namespace control = nxahost::control;
+namespace key = control::key;
 
 // The kind of the subscription messages, and of the output they bring.
 constexpr unsigned char kOutputControl = 4;
 constexpr unsigned char kOutput = 34;
 
 void requireModule(json const& status, std::string const& module) {
-    for (json const& row : status.value("modules", json::array())) {
-        if (row.is_object() && row.value("name", std::string()) == module) return;
+    for (json const& row : status.value(key::kModules, json::array())) {
+        if (row.is_object() && row.value(key::kName, std::string()) == module) return;
     }
     throw std::runtime_error("no module named " + module);
 }
@@ -78,11 +80,11 @@ void relay(VLPBusClient& bus, std::string const& from, StopSignals& signals) {
 int follow(CtlOptions const& options) {
     std::string const& module = options.args[0];
     StopSignals signals;
-    ControlSession session(options);
+    nxahost::ControlClient session(controlSetup(options));
     session.connect();
-    requireModule(requireOk(session.ask({{"command", "status"}})), module);
+    requireModule(nxahost::requireOk(session.ask({{key::kCommand, control::kStatus}})), module);
     if (signals.take()) return 0;
-    std::string const moduleBus = nxatools::moduleBusName(module);
+    std::string const moduleBus = nxahost::moduleBusName(module);
     session.send(moduleBus, kOutputControl, "71-NXAStartOutput");
     relay(session.bus(), moduleBus, signals);
     session.send(moduleBus, kOutputControl, "72-NXAStopOutput");

@@ -1,13 +1,13 @@
 #include "options.h"
 
 #include <getopt.h>
+#include <nxahost/device.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <map>
 #include <sstream>
-
-#include "nxa_constants.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ constexpr char kUsage[] =
     "Options:\n"
     "  --json             status and clients: print the host's JSON list (\"modules\" or\n"
     "                     \"clients\") instead of a table\n"
-    "  --bus-name NAME    the host's bus name (default NXAHost)\n"
+    "  --bus-name NAME    the host's bus name (default @HOST@)\n"
     "  --timeout SECONDS  how long to wait for the broker and for the host's answer\n"
     "                     (default 3)\n"
     "  --help             show this text and exit\n"
@@ -34,9 +34,11 @@ constexpr char kUsage[] =
     "Exit status: 0 done; 1 the broker or the host did not answer in time, or the host\n"
     "refused the request; 2 bad usage.\n";
 
-// The help text: kUsage and where the broker is expected.
+// The help text: kUsage with the default host name, and where the broker is expected.
 std::string usage() {
-    return kUsage + ("The bus broker is expected on 127.0.0.1:" + std::to_string(nxatools::kBusPort) + ".\n");
+    std::string text = kUsage;
+    text.replace(text.find("@HOST@"), 6, nxahost::control::kDefaultHostName);
+    return text + "The bus broker is expected on 127.0.0.1:" + std::to_string(nxahost::kBusPort) + ".\n";
 }
 
 constexpr char kUsageHint[] =
@@ -151,6 +153,15 @@ bool readCommand(std::vector<std::string> const& words, CtlCommandLine& result) 
 }
 
 }  // namespace
+
+nxahost::ControlClient::Setup controlSetup(CtlOptions const& options) {
+    nxahost::ControlClient::Setup setup;
+    setup.host = options.busName;
+    setup.ownName = "nxactl-" + std::to_string(getpid());
+    setup.timeout = options.timeout;
+    setup.timeoutText = options.timeoutText;
+    return setup;
+}
 
 CtlCommandLine parseCtlCommandLine(int argc, char* const argv[]) {
     CtlCommandLine result;

@@ -1,6 +1,8 @@
 // Command line of nxactl.
 #pragma once
 
+#include <nxahost/control_client.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -9,7 +11,7 @@ struct CtlOptions {
     std::string command;            // "status", "clients", "kick", "restart" or "follow"
     std::vector<std::string> args;  // the command's arguments, as many as it takes
     bool json = false;
-    std::string busName = "NXAHost";
+    std::string busName = nxahost::control::kDefaultHostName;
     std::chrono::milliseconds timeout{3000};
     std::string timeoutText = "3";  // the time-out as the user wrote it, for messages
 };
@@ -25,3 +27,6 @@ struct CtlCommandLine {
 };
 
 CtlCommandLine parseCtlCommandLine(int argc, char* const argv[]);
+
+// How the run asks the host: as "nxactl-<pid>", with the options' host and time-out.
+nxahost::ControlClient::Setup controlSetup(CtlOptions const& options);

@@ -1,10 +1,14 @@
 #include "views.h"
 
+#include <nxahost/control_protocol.h>
+#include <nxahost/program_supervisor.h>
+
 #include <cmath>
 
 namespace {
 
 using json = nlohmann::json;
+namespace key = nxahost::control::key;
 using Align = Table::Align;
 
 // A field as text: a string as it is, a number in decimal, "-" when absent or empty.
@@ -27,10 +31,10 @@ std::string twoDigits(long long value) {
 
 // "restarting in 3 s" while a restart is due, whole seconds rounded up.
 std::string state(json const& module) {
-    std::string const text = cell(module, "state");
-    if (!module.contains("restart_in")) return text;
+    std::string const text = cell(module, key::kState);
+    if (!module.contains(key::kRestartIn)) return text;
     return "restarting in " +
-           std::to_string(static_cast<long long>(std::ceil(number(module, "restart_in")))) + " s";
+           std::to_string(static_cast<long long>(std::ceil(number(module, key::kRestartIn)))) + " s";
 }
 
 }  // namespace
@@ -56,12 +60,13 @@ Table statusTable(json const& modules) {
                  {"BYTES OUT", Align::right},
                  {"CHUNKS LOST", Align::right}});
     for (json const& module : modules) {
-        bool const running = cell(module, "state") == "running";
-        table.addRow({cell(module, "name"), cell(module, "port"), state(module),
-                      running ? cell(module, "pid") : "-",
-                      running ? formatDuration(number(module, "uptime")) : "-", cell(module, "restarts"),
-                      cell(module, "last_end"), cell(module, "clients"), cell(module, "subscribers"),
-                      cell(module, "bytes_out"), cell(module, "chunks_lost")});
+        bool const running = cell(module, key::kState) == nxahost::stateName(nxahost::ProgramState::running);
+        table.addRow({cell(module, key::kName), cell(module, key::kPort), state(module),
+                      running ? cell(module, key::kPid) : "-",
+                      running ? formatDuration(number(module, key::kUptime)) : "-",
+                      cell(module, key::kRestarts), cell(module, key::kLastEnd),
+                      cell(module, key::kClientCount), cell(module, key::kSubscribers),
+                      cell(module, key::kBytesOut), cell(module, key::kChunksLost)});
     }
     return table;
 }
@@ -76,10 +81,10 @@ Table clientsTable(json const& clients) {
                  {"LOST CHUNKS", Align::right},
                  {"LOST BYTES", Align::right}});
     for (json const& client : clients) {
-        table.addRow({cell(client, "id"), cell(client, "kind"), cell(client, "address"),
-                      formatDuration(number(client, "attached")), cell(client, "delivered"),
-                      cell(client, "queued_chunks"), cell(client, "lost_chunks"),
-                      cell(client, "lost_bytes")});
+        table.addRow({cell(client, key::kId), cell(client, key::kKind), cell(client, key::kAddress),
+                      formatDuration(number(client, key::kAttached)), cell(client, key::kDelivered),
+                      cell(client, key::kQueuedChunks), cell(client, key::kLostChunks),
+                      cell(client, key::kLostBytes)});
     }
     return table;
 }

@@ -1,31 +1,32 @@
 #include "host.h"
 
+#include <nxahost/device.h>
+#include <nxahost/log.h>
+#include <nxahost/module_status.h>
+#include <nxahost/process_groups.h>
 #include <unistd.h>
 #include <vlplatform/descriptors.h>
 #include <vlplatform/net.h>
 #include <vlplatform/zipper.h>
 
 #include <exception>
-#include <stdexcept>
+#include <set>
 #include <string>
-#include <string_view>
 
-#include "host_log.h"
-#include "module_groups.h"
-#include "module_ports.h"
-#include "module_status.h"
-#include "nxa_constants.h"
-#include "package_check.h"
+using namespace nxahost;
 
 namespace {
 
-using nxatools::kBusPort;
-// The tools name the package file the library installs.
-static_assert(std::string_view(nxatools::kPackageFile) == NXAClient::NXA_ZIP);
-// How long a reload waits for the stopped module programs' groups to go.
+// How a reload waits for the stopped module programs' groups to go.
 constexpr std::chrono::milliseconds kGroupsGoneLimit{3000};
 // Room for the topic and properties besides a message's text.
 constexpr unsigned kBusPacketRoom = 4096;
+
+// The configured names the registry keeps: the first maxModules.
+std::vector<std::string> keptModules(HostOptions const& options) {
+    std::size_t const count = std::min<std::size_t>(options.modules.size(), options.maxModules);
+    return std::vector<std::string>(options.modules.begin(), options.modules.begin() + count);
+}
 
 }  // namespace
 
@@ -39,15 +40,18 @@ constexpr unsigned kBusPacketRoom = 4096;
 Host::Host(HostOptions options)
     : options_(std::move(options)),
       hostPid_(getpid()),
-      store_(options_.packageDir),
-      client_(store_.installDir().c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
+      package_(options_.packageDir, keptModules(options_)),
+      client_(package_.installDir().c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName),
-      supervisor_(client_, options_.restart, hostPid_),
-      control_(client_, supervisor_, bus_, options_,
-               [this](std::string const& module, ProgramSupervisor::RestartDone done) {
-                   return restartModule(module, std::move(done));
-               }) {
+      programs_(client_),
+      supervisor_(programs_, options_.restart, clock_, jitter_, hostPid_),
+      control_(
+          client_, [this] { return status(); },
+          [this](std::string const& module, ProgramSupervisor::RestartDone done) {
+              return restartModule(module, std::move(done));
+          },
+          ControlServer::overBus(bus_, options_.busName), options_.debug) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);
@@ -62,7 +66,11 @@ int Host::run() {
     requireFreePorts(options_.modules, options_.maxModules, options_.port);
     startWebConsole();
     client_.modules.configure(options_.modules);
-    installAtStart();
+    // The library installs the host's copy of the package, taken once.
+    bool const installs = !client_.modules.getModules().empty();
+    if (installs) package_.takeForStart();
+    startModules();
+    if (installs) package_.started();
     reportModules();
     // Said once the modules run, after their ports: it is no module's.
     if (web_)
@@ -79,8 +87,11 @@ int Host::run() {
 // listen stops the host before any program starts.
 void Host::startWebConsole() {
     if (options_.webAddress.empty()) return;
+    if (!holdsWebPages(options_.webRoot))
+        hostLog(kHostWarning, "the browser console's pages are not in ", options_.webRoot,
+                " (--web-root names where they are)");
     WebConsoleHooks hooks;
-    hooks.status = [this] { return statusAnswer(client_, supervisor_, options_); };
+    hooks.status = [this] { return status(); };
     hooks.restart = [this](std::string const& module, ProgramSupervisor::RestartDone done) {
         return restartModule(module, std::move(done));
     };
@@ -90,47 +101,39 @@ void Host::startWebConsole() {
         std::move(hooks));
 }
 
+nlohmann::json Host::status() {
+    return statusAnswer(client_, supervisor_, runningPorts(), clock_.now());
+}
+
+std::vector<ModulePort> Host::runningPorts() const {
+    return runningModulePorts(options_.modules, options_.maxModules, options_.port,
+                              client_.getModulesInstalled());
+}
+
 // The program is started as the host does it: a forked copy must not come back.
 bool Host::restartModule(std::string const& name, ProgramSupervisor::RestartDone done) {
     bool known = false;
-    asHostOnly([&] { known = supervisor_.requestRestart(name, Clock::now(), std::move(done)); });
+    asHostOnly([&] { known = supervisor_.requestRestart(name, std::move(done)); });
     if (known) notifier_.status(statusText());
     return known;
 }
 
 void Host::advanceRestarts() {
     bool changed = false;
-    asHostOnly([&] { changed = supervisor_.advance(Clock::now()); });
+    asHostOnly([&] { changed = supervisor_.advance(); });
     if (changed) notifier_.status(statusText());
 }
 
 int Host::modulePort(std::string const& name) {
-    for (ModulePort const& m : runningModulePorts(options_.modules, options_.maxModules, options_.port,
-                                                  client_.getModulesInstalled())) {
+    for (ModulePort const& m : runningPorts()) {
         if (m.name == name) return m.port;
     }
     return -1;
 }
 
-// The library installs the host's copy of the package, taken once: a package
-// file replaced meanwhile changes nothing of what is installed.
-void Host::installAtStart() {
-    if (!client_.modules.getModules().empty()) {
-        std::string const problem = store_.takeDelivered(packageLimit());
-        if (!problem.empty()) throw std::runtime_error(problem);
-        store_.stageIncoming();
-    }
-    startModules();
-    if (!client_.modules.getModules().empty()) store_.keepStagedAsRunning();
-}
-
-unsigned long long Host::packageLimit() const {
-    return zipper::unpackBudget(store_.installDir());
-}
-
 void Host::startModules() {
     asHostOnly([this] { client_.run(); });
-    supervisor_.startedAll(Clock::now());
+    supervisor_.startedAll();
 }
 
 // The modules' children are forked inside `step`: an exception thrown in a
@@ -149,8 +152,7 @@ void Host::asHostOnly(std::function<void()> const& step) {
 }
 
 void Host::reportModules() {
-    std::vector<ModulePort> const running = runningModulePorts(options_.modules, options_.maxModules,
-                                                               options_.port, client_.getModulesInstalled());
+    std::vector<ModulePort> const running = runningPorts();
     if (running.empty()) hostLog(kHostWarning, "no module is running");
     for (ModulePort const& m : running) {
         if (m.port == 0) {
@@ -174,7 +176,7 @@ void Host::stopModules() {
 void Host::reactToSignals() {
     unsigned const events = signals_.take();
     if (events & HostSignals::kChildEnded) {
-        if (supervisor_.checkEnded(Clock::now())) notifier_.status(statusText());
+        if (supervisor_.checkEnded()) notifier_.status(statusText());
         advanceRestarts();
     }
     if (events & HostSignals::kDumpLog) printRunLog();
@@ -195,43 +197,18 @@ void Host::printRunLog() {
 }
 
 // The running modules are replaced only by a package that has every
-// configured module, and only while the broker answers. What is checked is
-// the host's own copy of the package, and that copy is what is installed.
+// configured module, and only while the broker answers (see SafeReload).
 void Host::reload() {
     hostLog(kHostInfo, "reloading");
-    std::string const problem = reloadProblem();
+    if (!bus_.isConnected()) bus_.connectToServer();
+    std::string const problem =
+        bus_.isConnected() ? package_.takeForReload()
+                           : "the bus broker on 127.0.0.1:" + std::to_string(kBusPort) + " does not answer";
     if (!problem.empty()) {
         hostLog(kHostError, "reload refused, the modules keep running: ", problem);
         return;
     }
-    store_.stageIncoming();
-    installStaged();
-}
-
-std::string Host::reloadProblem() {
-    if (!bus_.isConnected()) bus_.connectToServer();
-    if (!bus_.isConnected())
-        return "the bus broker on 127.0.0.1:" + std::to_string(kBusPort) + " does not answer";
-    std::string const problem = store_.takeDelivered(packageLimit());
-    if (!problem.empty()) return problem;
-    std::size_t const count = std::min<std::size_t>(options_.modules.size(), options_.maxModules);
-    std::vector<std::string> const modules(options_.modules.begin(), options_.modules.begin() + count);
-    return checkPackage(store_.incoming(), modules, store_.checkDir(), store_.delivered());
-}
-
-// An installation that fails after its check (a full disk, a port taken
-// meanwhile) puts the package that ran before back; only when even that fails
-// does the error leave, ending the host as at start.
-void Host::installStaged() {
-    try {
-        replaceModules();
-        store_.keepStagedAsRunning();
-        return;
-    } catch (std::exception const& e) {
-        if (!store_.stageRunning()) throw;
-        hostLog(kHostError, "reload failed: ", e.what(), "; installing the package that ran before again");
-    }
-    replaceModules();
+    package_.install([this] { replaceModules(); });
 }
 
 void Host::replaceModules() {

@@ -1,26 +1,29 @@
 // The reference host daemon: one NXAClient driven by a single-threaded polling
-// loop, with the host's own bus connection and signal handling.
+// loop, with the host kit's parts around it: program supervision, the safe
+// reload, the operator's controls, the browser console, the service manager.
 #pragma once
 
 #include <nxaclient.h>
+#include <nxahost/clock.h>
+#include <nxahost/control_server.h>
+#include <nxahost/facade_programs.h>
+#include <nxahost/host_signals.h>
+#include <nxahost/module_ports.h>
+#include <nxahost/program_supervisor.h>
+#include <nxahost/safe_reload.h>
+#include <nxahost/serve_failures.h>
+#include <nxahost/service_notifier.h>
+#include <nxahost/web_console.h>
 #include <vlplatform/fd_set.h>
 #include <vlplatform/vlpbus_client.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "control.h"
-#include "host_signals.h"
 #include "options.h"
-#include "package_store.h"
-#include "program_supervisor.h"
-#include "serve_failures.h"
-#include "service_notify.h"
-#include "web_console.h"
 
 // Owns the library's facade and runs its loop until INT or TERM. Exceptions of
 // configuring and starting the modules leave run() (the caller reports them and
@@ -43,21 +46,19 @@ public:
     static constexpr unsigned kMaxBusMessage = 64 * 1024;
 
 private:
-    // host.cc: starting, reloading, stopping.
+    // host.cc: starting, reloading, stopping, and what the kit's parts ask.
     void startModules();
-    void installAtStart();
-    void installStaged();
-    unsigned long long packageLimit() const;
     void asHostOnly(std::function<void()> const& step);
     void reportModules();
     void reload();
-    std::string reloadProblem();
     void replaceModules();
     void stopModules();
     void reactToSignals();
     void printRunLog();
     std::string statusText() const;
-    bool restartModule(std::string const& name, ProgramSupervisor::RestartDone done);
+    std::vector<nxahost::ModulePort> runningPorts() const;
+    nlohmann::json status();
+    bool restartModule(std::string const& name, nxahost::ProgramSupervisor::RestartDone done);
     void advanceRestarts();
     void startWebConsole();
     int modulePort(std::string const& name);
@@ -75,20 +76,23 @@ private:
 
     HostOptions options_;
     pid_t const hostPid_;
-    HostSignals signals_;
-    // Before the facade: it installs from the store's folder.
-    PackageStore store_;
+    nxahost::HostSignals signals_;
+    // Before the facade: the library installs from its folder.
+    nxahost::SafeReload package_;
     NXAClient client_;
     VLPBusClient bus_;
-    ProgramSupervisor supervisor_;
-    HostControl control_;
-    ServiceNotifier notifier_;
+    nxahost::SteadyClock clock_;
+    nxahost::RandomJitter jitter_;
+    nxahost::FacadePrograms programs_;
+    nxahost::ProgramSupervisor supervisor_;
+    nxahost::ControlServer control_;
+    nxahost::ServiceNotifier notifier_;
     // The browser console; null when it is off.
-    std::unique_ptr<WebConsole> web_;
+    std::unique_ptr<nxahost::WebConsole> web_;
     FdSet rd_;
     FdSet wr_;
     bool stopping_ = false;
-    ServeFailures failures_;
+    nxahost::ServeFailures failures_;
     Clock::time_point lastBusAttempt_;
     // Module bus connections are checked at most once a second, and looked
     // after every second while one is down.

@@ -1,5 +1,7 @@
 // One turn of the host's loop: wait, serve the modules, the host's own bus and
 // the bus connections that came back, report, react to signals, restart.
+#include <nxahost/log.h>
+#include <nxahost/lost_clients.h>
 #include <sys/resource.h>
 #include <vlplatform/net.h>
 
@@ -7,8 +9,8 @@
 #include <cerrno>
 
 #include "host.h"
-#include "host_log.h"
-#include "lost_clients.h"
+
+using namespace nxahost;
 
 namespace {
 
@@ -29,10 +31,9 @@ void Host::turn() {
     reportRefusedConnections(now);
     // A signal's arrival makes the pipe readable; only then is it worth reading.
     if (rd_.isSet(signals_.fd())) reactToSignals();
-    if (supervisor_.reportingEnds() && supervisor_.reportDrainedEnds(Clock::now()))
-        notifier_.status(statusText());
+    if (supervisor_.reportingEnds() && supervisor_.reportDrainedEnds()) notifier_.status(statusText());
     auto const due = supervisor_.nextDue();
-    if (due && *due <= Clock::now()) advanceRestarts();
+    if (due && *due <= clock_.now()) advanceRestarts();
     notifier_.turned(Clock::now());
 }
 

@@ -1,12 +1,13 @@
 // nxahost: the reference host daemon. See `nxahost --help`.
+#include <nxahost/descriptor_limit.h>
+#include <nxahost/log.h>
+
 #include <algorithm>
 #include <exception>
 #include <iostream>
 #include <memory>
 
-#include "descriptor_limit.h"
 #include "host.h"
-#include "host_log.h"
 #include "options.h"
 
 int main(int argc, char* argv[]) {
@@ -20,13 +21,13 @@ int main(int argc, char* argv[]) {
     std::unique_ptr<Host> host;
     try {
         HostOptions const& options = commandLine.options;
-        raiseDescriptorLimit(std::min<std::size_t>(options.modules.size(), options.maxModules));
+        nxahost::raiseDescriptorLimit(std::min<std::size_t>(options.modules.size(), options.maxModules));
         host = std::make_unique<Host>(options);
         return host->run();
     } catch (std::exception const& e) {
-        hostLog(kHostError, e.what());
+        nxahost::hostLog(nxahost::kHostError, e.what());
     } catch (...) {
-        hostLog(kHostError, "unknown exception");
+        nxahost::hostLog(nxahost::kHostError, "unknown exception");
     }
     return 1;
 }

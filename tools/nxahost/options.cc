@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <getopt.h>
+#include <nxahost/web_console.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,7 +13,7 @@ namespace {
 
 // The help text; the defaults it names are the tools' constants.
 std::string usage() {
-    namespace c = nxatools;
+    namespace c = nxahost;
     std::string text =
         "usage: nxahost [OPTION]... MODULE...\n"
         "Installs the module package, runs each named module's program on a pseudo-terminal and\n"
@@ -30,7 +31,7 @@ std::string usage() {
         "  --max-modules N     most modules to run; further names are skipped (default 16)\n"
         "  --debug N           trace level: 0 normal, 1 debug lines, 2 per-chunk detail (default 0)\n"
         "  --bus-name NAME     the host's own bus name; kind-34 text sent to it goes to every module\n"
-        "                      (default NXAHost)\n"
+        "                      (default @HOST@)\n"
         "  --restart WHEN      start a module program that ended again: on-failure (a non-zero exit\n"
         "                      status or a signal), always or never (default on-failure); the delay\n"
         "                      starts at 1 s and doubles up to 60 s\n"
@@ -48,6 +49,7 @@ std::string usage() {
         "package and the broker and, when both are fine, stops, reinstalls the package and starts\n"
         "the modules again.\n";
     text += "The bus broker is expected on 127.0.0.1:" + std::to_string(c::kBusPort) + ".\n";
+    text.replace(text.find("@HOST@"), 6, c::control::kDefaultHostName);
     return text;
 }
 
@@ -94,6 +96,8 @@ bool parseNumber(char const* text, unsigned long low, unsigned long high, unsign
     value = static_cast<unsigned long>(parsed);
     return true;
 }
+
+using nxahost::RestartPolicy;
 
 bool parseRestart(std::string const& text, RestartPolicy& policy) {
     if (text == "on-failure")
@@ -213,16 +217,6 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
 
 }  // namespace
 
-std::string installedWebRoot() {
-    char exe[PATH_MAX];
-    ssize_t const length = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    std::string path(exe, length > 0 ? static_cast<std::size_t>(length) : 0);
-    // <prefix>/bin/nxahost: drop the program's name and its folder.
-    for (int i = 0; i < 2 && path.rfind('/') != std::string::npos; ++i) path.erase(path.rfind('/'));
-    if (path.empty()) path = "/usr";
-    return path + "/" NXA_WEB_DATADIR;
-}
-
 ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     ParsedCommandLine result;
     opterr = 0;
@@ -246,7 +240,7 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     }
     if (result.options.modules.empty()) return usageError("no module named");
     if (result.options.busName.empty()) return usageError("--bus-name must not be empty");
-    if (result.options.webRoot.empty()) result.options.webRoot = installedWebRoot();
+    if (result.options.webRoot.empty()) result.options.webRoot = nxahost::installedWebRoot();
     result.run = true;
     return result;
 }

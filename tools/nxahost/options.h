@@ -1,27 +1,29 @@
 // Command line of the host daemon.
 #pragma once
 
+#include <nxahost/control_protocol.h>
+#include <nxahost/device.h>
+#include <nxahost/program_supervisor.h>
+
 #include <string>
 #include <vector>
 
-#include "nxa_constants.h"
-#include "program_supervisor.h"
-
 struct HostOptions {
-    std::string packageDir = nxatools::kPackageDir;
-    std::string modulesDir = nxatools::kModulesDir;
-    std::string workDir = nxatools::kWorkDir;
-    unsigned short port = nxatools::kFirstModulePort;
+    std::string packageDir = nxahost::kPackageDir;
+    std::string modulesDir = nxahost::kModulesDir;
+    std::string workDir = nxahost::kWorkDir;
+    unsigned short port = nxahost::kFirstModulePort;
     unsigned long maxModules = 16;
     unsigned debug = 0;
-    std::string busName = "NXAHost";
-    RestartPolicy restart = RestartPolicy::onFailure;
+    std::string busName = nxahost::control::kDefaultHostName;
+    nxahost::RestartPolicy restart = nxahost::RestartPolicy::onFailure;
     unsigned clientTimeout = 60;
     unsigned long long unpackBudgetMiB = 0;  // 0: the platform's default
     std::vector<std::string> modules;
     // The browser console listens on webAddress:webPort; an empty address
     // turns it off. Its pages, scripts and style sheets are read from webRoot
-    // (parseCommandLine fills in installedWebRoot() unless told otherwise).
+    // (parseCommandLine fills in nxahost::installedWebRoot() unless told
+    // otherwise).
     std::string webAddress = "127.0.0.1";
     unsigned short webPort = 20080;
     std::string webRoot;
@@ -38,7 +40,3 @@ struct ParsedCommandLine {
 };
 
 ParsedCommandLine parseCommandLine(int argc, char* const argv[]);
-
-// The browser console's files of the installation this program belongs to:
-// <prefix>/share/nxa/web for the program <prefix>/bin/nxahost.
-std::string installedWebRoot();

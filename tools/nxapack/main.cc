@@ -3,6 +3,7 @@
 // Makes the installable module package: OUT.zip holding one NAME.zip per
 // module, each with the module's Manifest and program at its top level, as the
 // host installs them into <modules dir>/NAME.
+#include <nxahost/device.h>
 #include <vlplatform/fs.h>
 #include <vlplatform/zipper.h>
 
@@ -15,7 +16,6 @@
 #include <vector>
 
 #include "module_source.h"
-#include "nxa_constants.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ std::string usage() {
     return std::string(
                "usage: nxapack OUT.zip MODULE_DIR_OR_ZIP...\n"
                "Packs modules into the package the host installs (") +
-           nxatools::kPackageFile +
+           nxahost::kPackageFile +
            "). Each module is a folder named\n"
            "like the module, holding its Manifest and its program (also named like the module), or a\n"
            "zip of such a folder (a development package from nxabuild is one).\n";
