@@ -50,6 +50,31 @@ class WebOptions(unittest.TestCase):
         finally:
             host.stop()
 
+    def test_run_from_the_build_tree_the_console_finds_its_pages(self):
+        webhost.install_package(webhost.example_folders(["echo"]))
+        host = webhost.Host(["echo"], web_root=False)
+        try:
+            host.wait_running(["echo"])
+            self.assertTrue(host.wait_for(r"browser console on http://"))
+            code, body = http("/")
+            self.assertEqual(code, 200, body)
+            self.assertIn("<html", body)
+            self.assertNotIn("pages are not in", host.out())
+        finally:
+            host.stop()
+
+    def test_pages_that_are_not_where_the_console_looks_are_said_once(self):
+        webhost.install_package(webhost.example_folders(["echo"]))
+        host = webhost.Host(["--web-root", "/nonexistent", "echo"], web_root=False)
+        try:
+            host.wait_running(["echo"])
+            self.assertEqual(host.out().count(
+                "[WARNING] nxahost: the browser console's pages are not in /nonexistent (--web-root names where "
+                "they are)\n"), 1, host.out())
+            self.assertEqual(http("/")[0], 404)
+        finally:
+            host.stop()
+
     def test_a_bad_web_value_is_a_usage_error(self):
         for value in ["", "on", "127.0.0.1", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "300.0.0.1:80",
                       "localhost:20080", ":20080", "127.0.0.1:80x"]:

@@ -51,7 +51,8 @@ Host::Host(HostOptions options)
           [this](std::string const& module, ProgramSupervisor::RestartDone done) {
               return restartModule(module, std::move(done));
           },
-          ControlServer::overBus(bus_, options_.busName), options_.debug) {
+          ControlServer::overBus(bus_, options_.busName), options_.debug),
+      notifier_(clock_) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
     setAcceptedConnectionTimeout(options_.clientTimeout);

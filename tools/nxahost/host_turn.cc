@@ -34,7 +34,7 @@ void Host::turn() {
     if (supervisor_.reportingEnds() && supervisor_.reportDrainedEnds()) notifier_.status(statusText());
     auto const due = supervisor_.nextDue();
     if (due && *due <= clock_.now()) advanceRestarts();
-    notifier_.turned(Clock::now());
+    notifier_.turned();
 }
 
 bool Host::waitForEvents() {
@@ -64,7 +64,7 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     long long timeout = -1;
     auto sooner = [&timeout](long long ms) { timeout = timeout < 0 ? ms : std::min(timeout, ms); };
     if (!bus_.isConnected() || moduleBusDown_) sooner(kReconnectEvery.count());
-    // An ended program whose output is drained is reported at the latest after its settle limit.
+    // An ended program is reported once its output is read, a second after its end at the latest.
     if (supervisor_.reportingEnds()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
     for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {

@@ -7,15 +7,18 @@
 #include <optional>
 #include <string>
 
+#include "clock.h"
+
 namespace nxahost {
 
+// The service manager's messages for one service, the host. Takes the three
+// variables out of the environment, so that the programs the host starts do
+// not find them. Time comes from `clock`, which must outlive the notifier.
 class ServiceNotifier {
 public:
-    using Clock = std::chrono::steady_clock;
-
     // Reads NOTIFY_SOCKET (a path, or "@name" in the abstract namespace) and
     // WATCHDOG_USEC (taken only when WATCHDOG_PID is unset or this process).
-    ServiceNotifier();
+    explicit ServiceNotifier(Clock const& clock);
     ~ServiceNotifier();
     ServiceNotifier(ServiceNotifier const&) = delete;
     ServiceNotifier& operator=(ServiceNotifier const&) = delete;
@@ -26,13 +29,14 @@ public:
     void status(std::string const& status);
     // Called on every turn: WATCHDOG=1 when half the watchdog interval has
     // passed since the last one.
-    void turned(Clock::time_point now);
+    void turned();
     // When the loop must turn at the latest for the watchdog; none without one.
     std::optional<Clock::time_point> nextWatchdog() const;
 
 private:
     void send(std::string const& text);
 
+    Clock const& clock_;
     int fd_ = -1;
     std::string address_;
     std::optional<std::chrono::microseconds> watchdogEvery_;

@@ -65,7 +65,8 @@ std::string tooLarge(std::string const& source, unsigned long long size, unsigne
 
 // One attempt: the problem, kChanged, or empty when `part` holds the file.
 std::string copyOnce(std::string const& source, std::string const& part, unsigned long long limit) {
-    OpenFile in{::open(source.c_str(), O_RDONLY | O_CLOEXEC)};
+    // Without waiting: a FIFO put in the package's place would block the open.
+    OpenFile in{::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
     if (in.fd < 0 && errno == ENOENT) return failure(source + " does not exist", ENOENT);
     if (in.fd < 0) return failure("cannot open " + source, errno);
     struct stat before {};

@@ -20,7 +20,7 @@ unsigned long long number(char const* text) {
 
 }  // namespace
 
-ServiceNotifier::ServiceNotifier() {
+ServiceNotifier::ServiceNotifier(Clock const& clock) : clock_(clock) {
     char const* socketName = std::getenv("NOTIFY_SOCKET");
     if (socketName == nullptr || (socketName[0] != '/' && socketName[0] != '@')) return;
     address_ = socketName;
@@ -29,7 +29,7 @@ ServiceNotifier::ServiceNotifier() {
     unsigned long long const usec = number(std::getenv("WATCHDOG_USEC"));
     if (usec > 0 && (pid == nullptr || number(pid) == static_cast<unsigned long long>(getpid())))
         watchdogEvery_ = std::chrono::microseconds(usec / 2);
-    lastWatchdog_ = Clock::now();
+    lastWatchdog_ = clock_.now();
     // The module programs are not the service's main process: they must not
     // find the socket (and their messages would be ignored anyway).
     unsetenv("NOTIFY_SOCKET");
@@ -52,13 +52,15 @@ void ServiceNotifier::status(std::string const& status) {
     send("STATUS=" + status);
 }
 
-void ServiceNotifier::turned(Clock::time_point now) {
-    if (!watchdogEvery_ || now - lastWatchdog_ < *watchdogEvery_) return;
+void ServiceNotifier::turned() {
+    if (!watchdogEvery_) return;
+    Clock::time_point const now = clock_.now();
+    if (now - lastWatchdog_ < *watchdogEvery_) return;
     lastWatchdog_ = now;
     send("WATCHDOG=1");
 }
 
-std::optional<ServiceNotifier::Clock::time_point> ServiceNotifier::nextWatchdog() const {
+std::optional<Clock::time_point> ServiceNotifier::nextWatchdog() const {
     if (!watchdogEvery_) return std::nullopt;
     return lastWatchdog_ + *watchdogEvery_;
 }

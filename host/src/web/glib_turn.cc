@@ -47,7 +47,7 @@ void GlibTurn::dispatch(FdSet const& rd, FdSet const& wr) {
     if (g_main_context_check(context_, priority_, fds_.data(), polled_)) g_main_context_dispatch(context_);
 }
 
-void GlibTurn::settle(int rounds) {
+void GlibTurn::runPending(int rounds) {
     for (int i = 0; i < rounds && g_main_context_iteration(context_, FALSE); ++i) {
     }
 }

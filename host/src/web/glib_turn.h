@@ -37,7 +37,7 @@ public:
 
     // Runs the sources that are ready now, without waiting, at most `rounds`
     // times (for closing down).
-    void settle(int rounds);
+    void runPending(int rounds);
 
 private:
     GMainContext* context_;

@@ -112,7 +112,7 @@ WebConsole::Server::Server(WebConsoleSetup setup, WebConsoleHooks hooks)
 
 WebConsole::Server::~Server() {
     lws_context_destroy(context_);
-    glib_.settle(16);
+    glib_.runPending(16);
 }
 
 int WebConsole::Server::addFds(FdSet& rd, FdSet& wr, int timeoutMs) {

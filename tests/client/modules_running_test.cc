@@ -1,4 +1,4 @@
-// Supervision: starting and stopping all children, the polling fan-out, bus
+// The running registry: starting and stopping all children, the polling fan-out, bus
 // messages for the modules and the gathered run logs.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -15,7 +15,7 @@ using nxaclienttest::gone;
 using nxaclienttest::installModule;
 using nxaclienttest::processAlive;
 
-class Supervision : public nxaclienttest::RegistryTest {
+class ModulesRunning : public nxaclienttest::RegistryTest {
 protected:
     // A registry configured (quietly) with `names`, each installed with `body`.
     void configure(std::vector<std::string> const& names, std::string const& body = "exec sleep 1000") {
@@ -38,7 +38,7 @@ protected:
     NXAClient::Modules modules{21000, 8};
 };
 
-TEST_F(Supervision, RunStartsOneChildPerModuleInListOrder) {
+TEST_F(ModulesRunning, RunStartsOneChildPerModuleInListOrder) {
     configure({"a", "b"});
     NXAClient::debug = 1;
     nxatest::Capture out;
@@ -59,7 +59,7 @@ TEST_F(Supervision, RunStartsOneChildPerModuleInListOrder) {
     EXPECT_EQ(NXATestAccess::proc(modules).children(), (std::set<int>{childOf(0), childOf(1)}));
 }
 
-TEST_F(Supervision, RunTwiceWithoutStopIsRefused) {
+TEST_F(ModulesRunning, RunTwiceWithoutStopIsRefused) {
     configure({"a"});
     nxatest::Capture out;
     modules.run();
@@ -76,7 +76,7 @@ TEST_F(Supervision, RunTwiceWithoutStopIsRefused) {
     EXPECT_EQ(out.text(), "");
 }
 
-TEST_F(Supervision, ChildrenEndedOnTheirOwnAreCollectedBeforeTheCheck) {
+TEST_F(ModulesRunning, ChildrenEndedOnTheirOwnAreCollectedBeforeTheCheck) {
     configure({"a"}, "exit 0");
     nxatest::Capture out;
     modules.run();
@@ -88,7 +88,7 @@ TEST_F(Supervision, ChildrenEndedOnTheirOwnAreCollectedBeforeTheCheck) {
     EXPECT_EQ(waitpid(first, nullptr, WNOHANG), -1);  // already reaped
 }
 
-TEST_F(Supervision, RunOnAnEmptyRegistryOnlyChecks) {
+TEST_F(ModulesRunning, RunOnAnEmptyRegistryOnlyChecks) {
     NXAClient::debug = 1;
     nxatest::Capture out;
     modules.run();
@@ -99,7 +99,7 @@ TEST_F(Supervision, RunOnAnEmptyRegistryOnlyChecks) {
                               pid() + " done\n");
 }
 
-TEST_F(Supervision, StopEndsEveryChildAndEmptiesTheList) {
+TEST_F(ModulesRunning, StopEndsEveryChildAndEmptiesTheList) {
     configure({"a", "b"});
     nxatest::Capture out;
     modules.run();
@@ -112,7 +112,7 @@ TEST_F(Supervision, StopEndsEveryChildAndEmptiesTheList) {
     modules.run();  // nothing left: no exception
 }
 
-TEST_F(Supervision, ConfiguringAnEmptyListEndsEveryChildAndLeavesNoModule) {
+TEST_F(ModulesRunning, ConfiguringAnEmptyListEndsEveryChildAndLeavesNoModule) {
     configure({"a"});
     {
         nxatest::Capture quiet;
@@ -148,7 +148,7 @@ TEST_F(Supervision, ConfiguringAnEmptyListEndsEveryChildAndLeavesNoModule) {
                   "[DEBUG] NXAModules::configure() #modules=0 done\n");
 }
 
-TEST_F(Supervision, ConfiguringAgainEndsTheRunningChildrenAndMakesTheNewModules) {
+TEST_F(ModulesRunning, ConfiguringAgainEndsTheRunningChildrenAndMakesTheNewModules) {
     configure({"a", "b"});
     installModule("c", "noarch");
     installModule("d", "noarch");
@@ -175,7 +175,7 @@ TEST_F(Supervision, ConfiguringAgainEndsTheRunningChildrenAndMakesTheNewModules)
     EXPECT_EQ(NXATestAccess::proc(modules).children(), (std::set<int>{childOf(0), childOf(1)}));
 }
 
-TEST_F(Supervision, DestroyingTheRegistryStopsTheChildren) {
+TEST_F(ModulesRunning, DestroyingTheRegistryStopsTheChildren) {
     pid_t a = -1;
     NXAClient::debug = 1;
     nxatest::Capture out;
@@ -201,7 +201,7 @@ TEST_F(Supervision, DestroyingTheRegistryStopsTheChildren) {
     EXPECT_EQ(text.substr(text.size() - end.size()), end) << text;
 }
 
-TEST_F(Supervision, AMessageWithoutPayloadIsNotForTheModules) {
+TEST_F(ModulesRunning, AMessageWithoutPayloadIsNotForTheModules) {
     configure({"a"});
     NXAClient::debug = 1;
     nxatest::Capture out;
@@ -211,7 +211,7 @@ TEST_F(Supervision, AMessageWithoutPayloadIsNotForTheModules) {
     EXPECT_EQ(out.text(), "");
 }
 
-TEST_F(Supervision, StartAndStopRequestsAreOnlyRecorded) {
+TEST_F(ModulesRunning, StartAndStopRequestsAreOnlyRecorded) {
     configure({"a"});
     NXAClient::debug = 1;
     RouterMessage start = systemMessage("viewer", 4, "71-NXAStartOutput");
@@ -229,7 +229,7 @@ TEST_F(Supervision, StartAndStopRequestsAreOnlyRecorded) {
     EXPECT_EQ(NXATestAccess::peers(module(0)).size(), 1u);
 }
 
-TEST_F(Supervision, OtherCommandsAreTracedAndRefused) {
+TEST_F(ModulesRunning, OtherCommandsAreTracedAndRefused) {
     configure({"a"});
     NXAClient::debug = 1;
     RouterMessage other = systemMessage("viewer", 4, "71-NXAStartOutpu");
@@ -243,7 +243,7 @@ TEST_F(Supervision, OtherCommandsAreTracedAndRefused) {
                               makeString(*kind.message()) + " from viewer\n");
 }
 
-TEST_F(Supervision, TextMessagesGoToEveryModulesPeers) {
+TEST_F(ModulesRunning, TextMessagesGoToEveryModulesPeers) {
     configure({"a", "b"});
     nxatest::Capture out;
     EXPECT_TRUE(modules.handle(systemMessage("viewer", 34, "hello")));
@@ -254,7 +254,7 @@ TEST_F(Supervision, TextMessagesGoToEveryModulesPeers) {
     EXPECT_EQ(b, "hello");
 }
 
-TEST_F(Supervision, RunLogsAreGatheredInListOrder) {
+TEST_F(ModulesRunning, RunLogsAreGatheredInListOrder) {
     // a and c print once /tmp/go exists; b never prints anything of its own.
     std::string const waitForGo = "while [ ! -e /tmp/go ]; do sleep 0.02; done; ";
     installModule("a", "noarch", waitForGo + "printf first; exec sleep 1000");

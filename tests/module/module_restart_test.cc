@@ -61,7 +61,7 @@ std::string startLine(pid_t pid) {
     return "starting module \"demo\", childpid=" + std::to_string(pid);
 }
 
-class ModuleSupervision : public ::testing::Test {
+class ModuleRestart : public ::testing::Test {
 protected:
     void SetUp() override {
         NXA_REQUIRE_SANDBOX();
@@ -85,7 +85,7 @@ protected:
     std::unique_ptr<NXAClient::Module> module;
 };
 
-TEST_F(ModuleSupervision, RestartStartsTheProgramAgainAndItsClientStaysAttached) {
+TEST_F(ModuleRestart, RestartStartsTheProgramAgainAndItsClientStaysAttached) {
     writeScript("demo", "printf 'hello\\n'; exec sleep 60");
     make();
     Client client(kPort);
@@ -104,7 +104,7 @@ TEST_F(ModuleSupervision, RestartStartsTheProgramAgainAndItsClientStaysAttached)
     EXPECT_EQ(Access::peers(*module).size(), 2u);
 }
 
-TEST_F(ModuleSupervision, RestartOfAnEndedProgramReapsItAndStartsANewOne) {
+TEST_F(ModuleRestart, RestartOfAnEndedProgramReapsItAndStartsANewOne) {
     writeScript("demo", "printf 'once\\n'; exit 3");
     make();
     nxamodtest::runModule(*module);
@@ -119,7 +119,7 @@ TEST_F(ModuleSupervision, RestartOfAnEndedProgramReapsItAndStartsANewOne) {
     EXPECT_TRUE(nxamodtest::pollForRunLog(*module, log, startLine(module->getChildPid()))) << log;
 }
 
-TEST_F(ModuleSupervision, InputTypedForTheOldProgramIsNotGivenToTheNewOne) {
+TEST_F(ModuleRestart, InputTypedForTheOldProgramIsNotGivenToTheNewOne) {
     writeScript("demo", "exec cat");
     make();
     nxamodtest::runModule(*module);
@@ -128,7 +128,7 @@ TEST_F(ModuleSupervision, InputTypedForTheOldProgramIsNotGivenToTheNewOne) {
     EXPECT_TRUE(Access::bufConn2Child(*module).empty());
 }
 
-TEST_F(ModuleSupervision, EndingAProgramThatIgnoresSigtermNeverWaitsAndKillingItLetsItBeReaped) {
+TEST_F(ModuleRestart, EndingAProgramThatIgnoresSigtermNeverWaitsAndKillingItLetsItBeReaped) {
     writeScript("demo", "trap 'printf \"not yet\\n\"' TERM; printf 'deaf\\n'; while :; do sleep 1; done");
     make();
     Client client(kPort);
@@ -159,7 +159,7 @@ TEST_F(ModuleSupervision, EndingAProgramThatIgnoresSigtermNeverWaitsAndKillingIt
     EXPECT_EQ(Access::peers(*module).size(), 2u) << "the client stays attached";
 }
 
-TEST_F(ModuleSupervision, AProgramThatObeysSigtermIsReapedWithoutAKill) {
+TEST_F(ModuleRestart, AProgramThatObeysSigtermIsReapedWithoutAKill) {
     writeScript("demo", "exec sleep 60");
     make();
     nxamodtest::runModule(*module);
@@ -172,7 +172,7 @@ TEST_F(ModuleSupervision, AProgramThatObeysSigtermIsReapedWithoutAKill) {
     module->killProgram();
 }
 
-TEST_F(ModuleSupervision, StartingTheProgramAgainDropsInputTypedForTheOldOne) {
+TEST_F(ModuleRestart, StartingTheProgramAgainDropsInputTypedForTheOldOne) {
     writeScript("demo", "exit 0");
     make();
     nxamodtest::runModule(*module);
@@ -183,7 +183,7 @@ TEST_F(ModuleSupervision, StartingTheProgramAgainDropsInputTypedForTheOldOne) {
     EXPECT_TRUE(Access::bufConn2Child(*module).empty());
 }
 
-TEST_F(ModuleSupervision, DroppingTypedInputEmptiesTheBufferAndReturnsItsMemory) {
+TEST_F(ModuleRestart, DroppingTypedInputEmptiesTheBufferAndReturnsItsMemory) {
     make();
     Access::bufConn2Child(*module).assign(4 << 20, 'x');
     EXPECT_EQ(module->dropTypedInput(), std::size_t{4} << 20);
@@ -192,7 +192,7 @@ TEST_F(ModuleSupervision, DroppingTypedInputEmptiesTheBufferAndReturnsItsMemory)
     EXPECT_EQ(module->dropTypedInput(), 0u);
 }
 
-TEST_F(ModuleSupervision, RestartAndAnnounceTellTheBusServerTheState) {
+TEST_F(ModuleRestart, RestartAndAnnounceTellTheBusServerTheState) {
     writeScript("demo", "exec sleep 60");
     make();
     nxamodtest::BusSubscriber server("VLPBusServer");
@@ -203,7 +203,7 @@ TEST_F(ModuleSupervision, RestartAndAnnounceTellTheBusServerTheState) {
     EXPECT_TRUE(server.waitFor("vlp-state:running")) << server.output();
 }
 
-TEST_F(ModuleSupervision, BusConnectionComesBackWithItsSubscribersAfterTheBrokerReturns) {
+TEST_F(ModuleRestart, BusConnectionComesBackWithItsSubscribersAfterTheBrokerReturns) {
     make();
     nxamodtest::BusSubscriber viewerBefore("viewer");
     Access::peers(*module).add(std::string("viewer"));
@@ -223,7 +223,7 @@ TEST_F(ModuleSupervision, BusConnectionComesBackWithItsSubscribersAfterTheBroker
     })) << viewer.output();
 }
 
-TEST_F(ModuleSupervision, ConsumersAreListedWithTheirKindAndAddress) {
+TEST_F(ModuleRestart, ConsumersAreListedWithTheirKindAndAddress) {
     make();
     Client client(kPort);
     ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return Access::peers(*module).size() == 2; }));
@@ -239,7 +239,7 @@ TEST_F(ModuleSupervision, ConsumersAreListedWithTheirKindAndAddress) {
     EXPECT_EQ(consumers[2].address, "");
 }
 
-TEST_F(ModuleSupervision, AClosedClientShowsNoAddressEvenWhenItsNumberServesAnotherSocket) {
+TEST_F(ModuleRestart, AClosedClientShowsNoAddressEvenWhenItsNumberServesAnotherSocket) {
     make();
     Client client(kPort);
     ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return Access::peers(*module).size() == 2; }));
@@ -257,7 +257,7 @@ TEST_F(ModuleSupervision, AClosedClientShowsNoAddressEvenWhenItsNumberServesAnot
     ::close(other);
 }
 
-TEST_F(ModuleSupervision, DetachClosesATcpClientAndRefusesTheRunLogAndUnknownIds) {
+TEST_F(ModuleRestart, DetachClosesATcpClientAndRefusesTheRunLogAndUnknownIds) {
     make();
     Client client(kPort);
     ASSERT_TRUE(nxamodtest::pollUntil(*module, [&] { return Access::peers(*module).size() == 2; }));
@@ -270,7 +270,7 @@ TEST_F(ModuleSupervision, DetachClosesATcpClientAndRefusesTheRunLogAndUnknownIds
     EXPECT_TRUE(nxatest::waitUntil([&] { return !client.take(got); })) << "the connection was closed";
 }
 
-TEST(ModulesSupervision, StopProgramsEndsEveryProgramInOneGraceTime) {
+TEST(ModulesRestart, StopProgramsEndsEveryProgramInOneGraceTime) {
     NXA_REQUIRE_SANDBOX();
     NXAClient::Modules modules(kPort, 4);
     std::vector<std::string> names{"deaf0", "deaf1", "deaf2", "deaf3"};

@@ -1,20 +1,14 @@
-// NXAClient::Module: what a host that runs unattended adds to the module's
-// life: starting the program again, the module's state on the bus, and its
-// bus connection after the broker came back.
+// NXAClient::Module: starting the program again for a host that runs
+// unattended, at once (restart) or in steps that never wait (endProgram,
+// killProgram, reapProgram, startProgram), and what is left of the old one
+// (its output on the way, its typed input).
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <vlplatform/messages.h>
 
 #include <stdexcept>
 
 #include "nxaclient.h"
-
-namespace {
-
-constexpr char kBusServer[] = "VLPBusServer";
-
-}  // namespace
 
 void NXAClient::Module::restart() {
     noteChanged();
@@ -76,26 +70,4 @@ std::size_t NXAClient::Module::pendingOutput() const {
     int waiting = 0;
     if (::ioctl(master, FIONREAD, &waiting) != 0 || waiting < 0) return 0;
     return static_cast<std::size_t>(waiting);
-}
-
-void NXAClient::Module::announce(std::string const& state) const {
-    // A send that fails may take the connection down.
-    noteChanged();
-    if (!busConnected()) return;
-    SystemSetStateVlpBusMessage message(state, "", 0);
-    bus->sendTo(bus->name(), kBusServer, message.clone());
-}
-
-bool NXAClient::Module::busConnected() const {
-    return bus != nullptr && bus->isConnected();
-}
-
-bool NXAClient::Module::reconnectBus() {
-    noteChanged();
-    if (bus == nullptr) return false;
-    if (bus->isConnected()) return true;
-    bus->connectToServer();
-    if (!bus->isConnected()) return false;
-    announceOnBus();
-    return true;
 }
