@@ -1,5 +1,6 @@
 # Debian packages, made with `cpack -G DEB` in a build tree (scripts/package.sh):
-#   libnxaclient0    the two shared libraries
+#   libnxaclient0    the three shared libraries: the library, the platform
+#                    layer and the host kit
 #   libnxaclient-dev headers, unversioned links, pkg-config files, the CMake package
 #   nxahost          nxahost, nxactl, nxapack, nxabuild, the systemd units, the
 #                    host's settings file, the broker's configuration, the man pages
@@ -25,19 +26,21 @@ set(nxa_version "${PROJECT_VERSION}")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libnxaclient0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "module host library: runtime\n libnxaclient.so.0 and the platform layer libvlplatform.so.0.")
+# The host kit's browser console loads the GLib event library of libwebsockets
+# at run time.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libwebsockets-evlib-glib")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "module host library: runtime\n libnxaclient.so.0, the platform layer libvlplatform.so.0 and the host kit\n libnxahost.so.0.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libnxaclient-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libnxaclient0 (= ${nxa_version})")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "module host library: development files\n Headers, unversioned links, pkg-config files and the CMake package\n (find_package(nxaclient CONFIG)).")
+# The host kit's headers include nlohmann's JSON.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libnxaclient0 (= ${nxa_version}), nlohmann-json3-dev")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "module host library: development files\n Headers, unversioned links, pkg-config files and the CMake package\n (find_package(nxaclient CONFIG [COMPONENTS nxahost])).")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME nxahost)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-# The browser console loads the GLib event library of libwebsockets at run time
-# and serves the terminal library of node-xterm and libjs-xterm.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-    "libnxaclient0 (= ${nxa_version}), mosquitto, libwebsockets-evlib-glib, node-xterm, libjs-xterm")
+# The browser console serves the terminal library of node-xterm and libjs-xterm.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libnxaclient0 (= ${nxa_version}), mosquitto, node-xterm, libjs-xterm")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "mosquitto-clients")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "make, g++, gcc, zip, unzip")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "module host: the nxahost service and its tools\n nxahost runs the device's modules, nxactl operates it, nxapack and\n nxabuild make module packages. With systemd units for the host and its\n bus broker.")

@@ -1,90 +1,72 @@
-// embed: the smallest host of NXA modules, the loop a device's service daemon
-// copies. It installs the package /var/opt/velmora/nxa.zip, runs the named
-// modules and serves them until SIGTERM or SIGINT; what is sent to its own bus
-// name goes to the library (kind-34 text reaches every module's clients).
+// embed: the smallest daemon that hosts NXA modules the way a device's service
+// daemon would, with the host kit (libnxahost): it installs the package
+// /var/opt/velmora/nxa.zip, runs the named modules, starts a program that
+// ended again with back-off, answers the operator's controls on its bus name
+// (so `nxactl --bus-name NXAEmbed status` works against it) and, with --web,
+// serves the browser console. One thread; SIGTERM or SIGINT stops it.
 //
-//     embed [--bus-name NAME] MODULE...
+//     embed [--bus-name NAME] [--web ADDRESS:PORT] MODULE...
 //
-// The bus name defaults to NXAEmbed, not nxahost's NXAHost: this host answers
-// no control requests (nxactl).
+// What the library and the kit ask of their host:
+// - One thread. Neither has threads or timers of its own, and neither is
+//   thread-safe: every call comes from this loop.
+// - Every turn waits again. Each part adds its descriptors to the turn's sets
+//   (and the kit's parts say when they must be asked again: nextDue), the
+//   loop waits once, and each part handles what is ready. addFdsCached() and
+//   handleReady() cost what is ready, not every module.
+// - Programs are forked inside the library's and the supervisor's calls. In a
+//   child whose program cannot be started, such a call comes back by
+//   exception: that copy of this process must end at once with _exit(),
+//   before it unwinds into the objects it shares with the host (see
+//   asHostOnly).
 //
-// What the library asks of its host:
-// - One thread. The library has no threads and no timers and is not
-//   thread-safe: every call into it comes from this loop.
-// - Every turn waits again. The descriptors change from turn to turn (clients
-//   come and go, output waits to be written), so each turn clears both sets,
-//   has addFdsCached() add the modules' descriptors, waits, and hands the
-//   filled sets to handleReady(). Nothing else blocks, so a turn is short.
-//   addFdsCached() and handleReady() do what addFds(), handleInput() and
-//   handleOutput() do, at a cost that follows the modules with something
-//   ready rather than all of them: an idle module costs nothing.
-// - run() forks each module's program. In a child whose program cannot be
-//   started, run() comes back by exception: that copy of this process must end
-//   at once with _exit(), before it unwinds into the objects it shares with
-//   the host. Their destructors would end the bus connections the host goes
-//   on using, and exit() would write out a second time what output was
-//   buffered at the fork (see startModules).
-//
-// Left out here, and done by nxahost (tools/nxahost) for a host that runs
-// unattended: starting programs that ended again, coming back to the bus after
-// a broker outage, reloading the package, counting failures instead of ending.
-#include <fcntl.h>
+// Left to nxahost (tools/nxahost): reloading the package (nxahost::SafeReload),
+// coming back to the bus after a broker outage, counting failures instead of
+// ending, the service manager's notifications.
 #include <nxaclient.h>
-#include <pthread.h>
+#include <nxahost/clock.h>
+#include <nxahost/control_protocol.h>
+#include <nxahost/control_server.h>
+#include <nxahost/device.h>
+#include <nxahost/facade_programs.h>
+#include <nxahost/host_signals.h>
+#include <nxahost/log.h>
+#include <nxahost/module_ports.h>
+#include <nxahost/module_status.h>
+#include <nxahost/program_supervisor.h>
+#include <nxahost/web_console.h>
 #include <unistd.h>
 #include <vlplatform/fd_set.h>
 #include <vlplatform/vlpbus_client.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace {
 
-constexpr char kPackageDir[] = "/var/opt/velmora";      // holds nxa.zip
-constexpr char kModulesDir[] = "/var/opt/velmora/nxa";  // programs always start from here
-constexpr char kWorkDir[] = "/var/opt/velmora/work";    // the build workspace; a host builds nothing
-constexpr unsigned short kFirstPort = 20100;            // module k listens on 20100 + k
+constexpr unsigned short kFirstPort = nxahost::kFirstModulePort;  // module k listens on 20100 + k
 constexpr unsigned long kMaxModules = 16;
-constexpr unsigned short kBusPort = 20010;  // the broker, on 127.0.0.1
 // A failing turn is most often one client's fault (a reset connection:
 // "cannot read from telnet:7") and costs the rest of that turn only; a failure
 // on this many turns in a row is the host's, and ends it.
 constexpr unsigned kGiveUpAfterTurns = 1000;
 
-int wakeFd = -1;  // the self-pipe's write end
+struct Options {
+    std::string busName = "NXAEmbed";
+    std::string webAddress;  // empty: no console
+    unsigned short webPort = 0;
+    std::vector<std::string> modules;
+};
 
-void onStopSignal(int) {
-    int const saved = errno;
-    char const byte = 1;
-    ssize_t ignored = write(wakeFd, &byte, 1);  // a full pipe wakes the loop just as well
-    (void)ignored;
-    errno = saved;
-}
-
-// SIGTERM and SIGINT make the returned descriptor readable. SIGPIPE is ignored,
-// so a write to a vanished client fails with EPIPE instead of ending the host.
-// Module programs start with the default dispositions: an ignored signal would
-// stay ignored across exec.
-int stopSignalPipe() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw IOException(errno, "cannot create signal pipe");
-    wakeFd = ends[1];
-    struct sigaction action {};
-    action.sa_handler = onStopSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    pthread_atfork(nullptr, nullptr, [] {
-        for (int s : {SIGTERM, SIGINT, SIGPIPE}) signal(s, SIG_DFL);
-    });
-    return ends[0];
-}
-
+// A forked copy of the host whose program could not be started ends here.
 [[noreturn]] void endForkedCopy(char const* what) {
     std::string const line = std::string("embed: module program not started: ") + what + "\n";
     ssize_t ignored = write(2, line.data(), line.size());
@@ -92,90 +74,202 @@ int stopSignalPipe() {
     _exit(1);
 }
 
-// Installs the package and starts every module's program. Failures in the host
-// itself leave by exception; the forked copies end here.
-void startModules(NXAClient& client, pid_t host) {
+// Runs `step`, which may fork module programs: an exception in a forked copy
+// ends that copy; in the host it goes on.
+void asHostOnly(pid_t host, std::function<void()> const& step) {
     try {
-        client.run();
+        step();
     } catch (std::exception const& e) {
         if (getpid() != host) endForkedCopy(e.what());
         throw;
-    } catch (...) {
-        if (getpid() != host) endForkedCopy("unknown exception");
-        throw;
     }
 }
 
-int serve(std::string const& busName, std::vector<std::string> const& names) {
-    pid_t const host = getpid();
-    int const stopFd = stopSignalPipe();
-    NXAClient client(kPackageDir, kModulesDir, kWorkDir, 0, kFirstPort, kMaxModules, "", 0);
-    VLPBusClient bus("", kBusPort, busName);
-    bus.setup();  // one attempt; nxahost also comes back after a broker outage
-    client.modules.configure(names);
-    startModules(client, host);
-    std::cout << "embed: serving " << client.getModulesInstalled().size() << " module(s) as " << busName
-              << std::endl;
+// The host: the library's facade with the kit's parts around it.
+class Embed {
+public:
+    explicit Embed(Options options)
+        : options_(std::move(options)),
+          host_(getpid()),
+          client_(nxahost::kPackageDir, nxahost::kModulesDir, nxahost::kWorkDir, 0, kFirstPort, kMaxModules,
+                  "", 0),
+          bus_("", nxahost::kBusPort, options_.busName),
+          programs_(client_),
+          supervisor_(programs_, nxahost::RestartPolicy::onFailure, clock_, jitter_, host_),
+          control_(
+              client_, [this] { return status(); },
+              [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
+                  bool known = false;
+                  asHostOnly(host_, [&] { known = supervisor_.requestRestart(module, std::move(done)); });
+                  return known;
+              },
+              nxahost::ControlServer::overBus(bus_, options_.busName)) {
+        nxahost::setLogName("embed");
+        bus_.setup();  // one attempt; nxahost also comes back after a broker outage
+    }
 
-    FdSet rd, wr;
-    unsigned failedTurns = 0;
-    for (;;) {
-        rd.clear();
-        wr.clear();
-        client.addFdsCached(rd, wr);
-        rd.add(stopFd);
-        int const busFd = bus.fd();  // -1 while off the bus: add() ignores it
-        rd.add(busFd);
-        if (waitFds(rd, wr, -1) < 0) {
-            if (errno == EINTR) continue;  // a stop signal: its byte is in the pipe
-            throw IOException(errno, "cannot wait for descriptors");
+    int run() {
+        if (!options_.webAddress.empty()) startConsole();
+        client_.modules.configure(options_.modules);
+        asHostOnly(host_, [this] { client_.run(); });
+        supervisor_.startedAll();
+        std::cout << "embed: serving " << client_.getModulesInstalled().size() << " module(s) as "
+                  << options_.busName << std::endl;
+        while (turn()) {
         }
-        if (rd.isSet(stopFd)) break;
+        supervisor_.abandonRestarts("the host is stopping");
+        // Every program gets SIGTERM at once and they share one grace time.
+        client_.modules.stopPrograms();
+        client_.stop();
+        std::cout << "embed: stopped" << std::endl;
+        return 0;
+    }
+
+private:
+    // One turn: false once a stop signal came.
+    bool turn() {
+        FdSet rd, wr;
+        client_.addFdsCached(rd, wr);
+        rd.add(signals_.fd());
+        rd.add(bus_.fd());  // -1 while off the bus: add() ignores it
+        int timeout = timeoutMs();
+        if (web_) timeout = web_->addFds(rd, wr, timeout);
+        if (waitFds(rd, wr, timeout) < 0) {
+            if (errno != EINTR) throw IOException(errno, "cannot wait for descriptors");
+            rd.clear();
+            wr.clear();
+        }
+        serve(rd, wr);
+        if (web_) web_->serve(rd, wr);
+        if (rd.isSet(signals_.fd()) && !takeSignals()) return false;
+        if (auto const due = supervisor_.nextDue(); due && *due <= clock_.now())
+            asHostOnly(host_, [this] { supervisor_.advance(); });
+        if (supervisor_.reportingEnds()) supervisor_.reportDrainedEnds();
+        return true;
+    }
+
+    // The wait ends by itself only for a restart that is due, or to report an
+    // ended program whose last output is slow to come.
+    int timeoutMs() const {
+        if (supervisor_.reportingEnds()) return 100;
+        auto const due = supervisor_.nextDue();
+        if (!due) return -1;
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(*due - clock_.now()).count();
+        return static_cast<int>(std::max<long long>(0, left));
+    }
+
+    void serve(FdSet const& rd, FdSet const& wr) {
         try {
-            client.handleReady(rd, wr);
-            if (busFd >= 0 && rd.isSet(busFd)) {
-                bus.read();  // false when the broker has gone
-                while (std::unique_ptr<MessageBase> msg = bus.getMessage()) {
-                    if (auto const* routed = dynamic_cast<RouterMessage const*>(msg.get()))
-                        client.handle(*routed);
-                }
-            }
-            failedTurns = 0;
+            client_.handleReady(rd, wr);
+            int const busFd = bus_.fd();
+            if (busFd >= 0 && rd.isSet(busFd)) readBus();
+            failedTurns_ = 0;
         } catch (std::exception const& e) {
             std::cerr << "embed: " << e.what() << std::endl;
-            if (++failedTurns == kGiveUpAfterTurns) throw;
+            if (++failedTurns_ == kGiveUpAfterTurns) throw;
         }
     }
-    // Every program gets SIGTERM at once and they share one grace time.
-    client.modules.stopPrograms();
-    client.stop();
-    std::cout << "embed: stopped" << std::endl;
-    return 0;
-}
+
+    // Control requests go to the kit's server, the rest to the library.
+    void readBus() {
+        bus_.read();  // false when the broker has gone
+        while (std::unique_ptr<MessageBase> msg = bus_.getMessage()) {
+            auto const* routed = dynamic_cast<RouterMessage const*>(msg.get());
+            if (routed != nullptr && !control_.handle(*routed)) client_.handle(*routed);
+        }
+    }
+
+    // A child that ended is looked at; false for a stop signal.
+    bool takeSignals() {
+        unsigned const events = signals_.take();
+        if (events & nxahost::HostSignals::kChildEnded) {
+            supervisor_.checkEnded();
+            asHostOnly(host_, [this] { supervisor_.advance(); });
+        }
+        return (events & nxahost::HostSignals::kStop) == 0;
+    }
+
+    nlohmann::json status() { return nxahost::statusAnswer(client_, supervisor_, ports(), clock_.now()); }
+
+    std::vector<nxahost::ModulePort> ports() const {
+        return nxahost::runningModulePorts(options_.modules, kMaxModules, kFirstPort,
+                                           client_.getModulesInstalled());
+    }
+
+    void startConsole() {
+        nxahost::WebConsoleHooks hooks;
+        hooks.status = [this] { return status(); };
+        hooks.restart = [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
+            bool known = false;
+            asHostOnly(host_, [&] { known = supervisor_.requestRestart(module, std::move(done)); });
+            return known;
+        };
+        hooks.port = [this](std::string const& module) {
+            for (nxahost::ModulePort const& m : ports()) {
+                if (m.name == module) return static_cast<int>(m.port);
+            }
+            return -1;
+        };
+        web_ = std::make_unique<nxahost::WebConsole>(
+            nxahost::WebConsoleSetup{options_.webAddress, options_.webPort, nxahost::installedWebRoot(), 0},
+            std::move(hooks));
+    }
+
+    Options options_;
+    pid_t const host_;
+    nxahost::HostSignals signals_;
+    NXAClient client_;
+    VLPBusClient bus_;
+    nxahost::SteadyClock clock_;
+    nxahost::RandomJitter jitter_;
+    nxahost::FacadePrograms programs_;
+    nxahost::ProgramSupervisor supervisor_;
+    nxahost::ControlServer control_;
+    std::unique_ptr<nxahost::WebConsole> web_;
+    unsigned failedTurns_ = 0;
+};
 
 // A module name is a folder below the modules directory.
 bool plainName(std::string const& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
+// "ADDRESS:PORT" into the options; false when it is not that.
+bool parseWeb(std::string const& text, Options& options) {
+    std::size_t const colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) return false;
+    long const port = std::strtol(text.c_str() + colon + 1, nullptr, 10);
+    if (port < 1 || port > 65535) return false;
+    options.webAddress = text.substr(0, colon);
+    options.webPort = static_cast<unsigned short>(port);
+    return true;
+}
+
+bool parse(int argc, char* argv[], Options& options) {
+    int at = 1;
+    for (; at + 1 < argc && argv[at][0] == '-'; at += 2) {
+        if (std::strcmp(argv[at], "--bus-name") == 0) {
+            options.busName = argv[at + 1];
+        } else if (std::strcmp(argv[at], "--web") != 0 || !parseWeb(argv[at + 1], options)) {
+            return false;
+        }
+    }
+    options.modules.assign(argv + at, argv + argc);
+    bool usable = !options.modules.empty() && !options.busName.empty();
+    for (std::string const& name : options.modules) usable = usable && plainName(name);
+    return usable;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    std::string busName = "NXAEmbed";
-    int first = 1;
-    if (argc > 2 && std::strcmp(argv[1], "--bus-name") == 0) {
-        busName = argv[2];
-        first = 3;
-    }
-    std::vector<std::string> const names(argv + first, argv + argc);
-    bool usable = !names.empty() && !busName.empty();
-    for (std::string const& name : names) usable = usable && plainName(name);
-    if (!usable) {
-        std::cerr << "usage: embed [--bus-name NAME] MODULE...\n";
+    Options options;
+    if (!parse(argc, argv, options)) {
+        std::cerr << "usage: embed [--bus-name NAME] [--web ADDRESS:PORT] MODULE...\n";
         return 2;
     }
     try {
-        return serve(busName, names);
+        return Embed(std::move(options)).run();
     } catch (std::exception const& e) {
         std::cerr << "embed: " << e.what() << std::endl;
         return 1;

@@ -13,6 +13,7 @@
 #include "clients.h"
 #include "host_process.h"
 #include "installed_tree.h"
+#include "line_patterns.h"
 #include "packages.h"
 #include "sandbox.h"
 #include "sandbox_processes.h"
@@ -68,11 +69,12 @@ TEST(EmbedExample, BuiltBothWaysAgainstTheInstalledTreeServesAModuleUntilTerm) {
     // The run path finds the installed libraries; without a module it shows its usage.
     nxatest::ShellResult const usage = nxatest::shell(quoted(madeBinary));
     EXPECT_EQ(usage.status, 2) << usage.output;
-    EXPECT_EQ(usage.output, "usage: embed [--bus-name NAME] MODULE...\n");
+    EXPECT_EQ(usage.output, "usage: embed [--bus-name NAME] [--web ADDRESS:PORT] MODULE...\n");
     nxatest::ShellResult const linked = nxatest::shell("ldd " + quoted(madeBinary));
-    EXPECT_NE(linked.output.find("libnxaclient.so.0 => " + libDir(prefix) + "/libnxaclient.so.0"),
-              std::string::npos)
-        << linked.output;
+    for (std::string const library : {"libnxahost.so.0", "libnxaclient.so.0"}) {
+        EXPECT_NE(linked.output.find(library + " => " + libDir(prefix) + "/" + library), std::string::npos)
+            << linked.output;
+    }
 
     std::string const binary = buildWithFindPackage(prefix, work);
     ASSERT_FALSE(binary.empty());
@@ -137,6 +139,49 @@ TEST(EmbedExample, ForkedCopyWhoseProgramCannotStartEndsThereAndTheHostServesOn)
     // The copy left the bus connection it shared with the host alone.
     e2e::publishSystem("NXAEmbed", "tester", 34, "still on the bus");
     EXPECT_TRUE(client->waitFor("still on the bus")) << client->output() << e2e::describe(host);
+
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitExit(), 0) << e2e::describe(host);
+    client.reset();
+    EXPECT_TRUE(nxatest::waitUntil([] { return e2e::strayProcesses().empty(); })) << e2e::strayProcesses();
+}
+
+// The kit's parts in the example: a program that ends is started again with
+// back-off, and the installed nxactl reads and restarts it through the
+// example's controls.
+TEST(EmbedExample, RestartsACrashingModuleAndAnswersNxactl) {
+    NXA_REQUIRE_SANDBOX();
+    std::string const prefix = freshDir("embed-prefix");
+    ASSERT_NO_FATAL_FAILURE(installInto(prefix));
+    std::string const work = freshDir("embed-work");
+    std::string const binary = buildWithFindPackage(prefix, work);
+    ASSERT_FALSE(binary.empty());
+
+    e2e::installPackage(
+        {e2e::writeModule(work + "/modules", "crash", "noarch", "printf 'up\\r\\n'; read line; exit 3"),
+         e2e::writeModule(work + "/modules", "steady", "noarch", "printf 'steady\\r\\n'; exec sleep 1000")});
+    e2e::HostProcess host({"crash", "steady"}, {e2e::leakSuppressionsEnv()}, {}, binary);
+    ASSERT_TRUE(host.waitForLine("embed: serving 2 module(s) as NXAEmbed")) << e2e::describe(host);
+    std::optional<e2e::Background> client;
+    client.emplace(e2e::socatCommand(20100), true);
+    ASSERT_TRUE(client->waitFor("up\r\n")) << client->output();
+    client->send("end now\n");
+    EXPECT_TRUE(client->waitFor("[embed] program ended: exit status 3; restart in 1 s\n"))
+        << client->output() << e2e::describe(host);
+    EXPECT_TRUE(nxatest::waitUntil([&] {
+        return e2e::countMatchingLines(host.out(),
+                                       "[INFO] embed: module program crash started again (pid #)") == 1;
+    })) << e2e::describe(host);
+
+    std::string const ctl = quoted(prefix + "/bin/nxactl") + " --bus-name NXAEmbed ";
+    nxatest::ShellResult const status = nxatest::shell(ctl + "--json status");
+    ASSERT_EQ(status.status, 0) << status.output;
+    EXPECT_NE(status.output.find("\"last_end\": \"exit status 3\""), std::string::npos) << status.output;
+    EXPECT_NE(status.output.find("\"restarts\": 1"), std::string::npos) << status.output;
+    EXPECT_NE(status.output.find("\"name\": \"steady\""), std::string::npos) << status.output;
+    nxatest::ShellResult const restart = nxatest::shell(ctl + "restart steady");
+    EXPECT_EQ(restart.status, 0) << restart.output;
+    EXPECT_EQ(restart.output, "restarted module steady\n");
 
     host.signal(SIGTERM);
     EXPECT_EQ(host.waitExit(), 0) << e2e::describe(host);

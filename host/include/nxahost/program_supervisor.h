@@ -65,7 +65,8 @@ public:
 
 // Watches the programs of the modules. When one ends, it is reported once (a
 // WARNING line with the module's name, how it ended and what happens next),
-// its clients and subscribers are told ("[nxahost] program ended: ...") and
+// its clients and subscribers are told ("[nxahost] program ended: ...", with
+// the log name, see log.h) and
 // the module announces "stopped" on the bus. Under the policy it is then
 // started again after a delay: 1 s at first, doubled for each further restart
 // up to 60 s, plus up to 20 % at random; a program that had run for 60 s

@@ -100,7 +100,7 @@ void ProgramSupervisor::report(std::string const& module, Program& program, Prog
     }
     hostLog(kHostWarning, "module program ", module, " (pid ", programs_.pid(module),
             ") has ended: ", end.how, "; ", next);
-    programs_.tell(module, "[nxahost] program ended: " + end.how + "; " + next + "\n");
+    programs_.tell(module, "[" + logName() + "] program ended: " + end.how + "; " + next + "\n");
     programs_.announce(module, kStateStopped);
 }
 
