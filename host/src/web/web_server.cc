@@ -149,10 +149,10 @@ int WebConsole::Server::callback(lws* wsi, int reason, void* user, void* in, std
 int WebConsole::Server::handle(lws* wsi, int reason, void* in, std::size_t length) {
     switch (reason) {
         case LWS_CALLBACK_SERVER_NEW_CLIENT_INSTANTIATED:
-            connections_[wsi];
+            connections_[wsi].fd = lws_get_socket_fd(wsi);
             return 0;
         case LWS_CALLBACK_WSI_DESTROY:
-            connections_.erase(wsi);
+            forget(wsi);
             return 0;
         case LWS_CALLBACK_HTTP:
             return onRequest(wsi, std::string(static_cast<char const*>(in), length));
@@ -176,6 +176,15 @@ int WebConsole::Server::handle(lws* wsi, int reason, void* in, std::size_t lengt
         default:
             return kNotHandled;
     }
+}
+
+// The connection's socket is closed by now: its number may come back with
+// the next connection, so the host's wait must forget it at once.
+void WebConsole::Server::forget(lws* wsi) {
+    auto const found = connections_.find(wsi);
+    if (found == connections_.end()) return;
+    if (found->second.fd >= 0) glib_.forget(found->second.fd);
+    connections_.erase(found);
 }
 
 // Every connection has one, made when libwebsockets reports it; a

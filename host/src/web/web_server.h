@@ -41,6 +41,8 @@ private:
 
     // One browser connection.
     struct Connection {
+        // Its socket, as libwebsockets reported it; -1 when unknown.
+        int fd = -1;
         // A reply whose headers went out: its body, written when the
         // connection may write.
         std::optional<std::string> reply;
@@ -61,6 +63,7 @@ private:
 
     int handle(lws* wsi, int reason, void* in, std::size_t length);
     Connection* connection(lws* wsi);
+    void forget(lws* wsi);
     // web_server_http.cc: HTTP requests.
     int onRequest(lws* wsi, std::string const& path);
     int onGet(lws* wsi, std::string const& path);
