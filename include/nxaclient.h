@@ -125,6 +125,9 @@ public:
         void add(int fd);
         // Adds a bus peer for the subscriber `id`; warns when the id exists.
         void add(std::string const& id);
+        // Adds `peer` under its own id; false, and it is destroyed, when the
+        // id exists already.
+        bool adopt(std::unique_ptr<Peer> peer);
         // Removes and destroys the peer `id` (of any kind); warns when absent.
         void erase(std::string const& id);
         // Copies the bytes once into a shared chunk queued by every peer.
@@ -196,6 +199,30 @@ public:
         bool forward(FdSet const& rd, std::string& in) override;
         // Sends the front chunk to the subscriber and drops it from the queue.
         void write(FdSet const& wr) override;
+    };
+
+    // A consumer inside the host's own process (a browser terminal of the
+    // host's console): served like a TCP client, with the module's recent
+    // output first and then everything printed, its queue bounded and counted
+    // the same way, but without a descriptor: the host takes its output and
+    // gives what it types through the module (Module::attachLocal and after).
+    class PeerLocal : public Peer {
+    public:
+        // `address` says where the consumer is (for the operator); may be empty.
+        PeerLocal(Module const& module, std::string const& id, std::string address);
+        ~PeerLocal() override;
+
+        void close() override;
+        bool forward(FdSet const& rd, std::string& in) override;
+        void write(FdSet const& wr) override;
+        // Appends queued output to `out`, whole chunks first, at most `most`
+        // bytes (a chunk taken in part keeps its rest at the front); what is
+        // taken counts as delivered. Returns how many bytes were taken.
+        std::size_t take(std::string& out, std::size_t most);
+        std::string const& getAddress() const { return address; }
+
+    private:
+        std::string address;
     };
 
     // The module's run log: a peer nobody drains, holding the latest output.
@@ -343,10 +370,20 @@ public:
 
         // What a consumer of the module's output is: the run log, a TCP
         // client or a bus subscriber.
-        enum class ConsumerKind { log, tcp, bus };
-        // "log", "tcp" or "bus".
+        enum class ConsumerKind { log, tcp, bus, local };
+        // "log", "tcp", "bus" or "local".
         static char const* kindName(ConsumerKind kind) {
-            return kind == ConsumerKind::log ? "log" : kind == ConsumerKind::tcp ? "tcp" : "bus";
+            switch (kind) {
+                case ConsumerKind::log:
+                    return "log";
+                case ConsumerKind::tcp:
+                    return "tcp";
+                case ConsumerKind::bus:
+                    return "bus";
+                case ConsumerKind::local:
+                    break;
+            }
+            return "local";
         }
         // One consumer of the module's output, as seen now.
         struct Consumer {
@@ -360,10 +397,28 @@ public:
         };
         // Every consumer, in id order.
         std::vector<Consumer> getConsumers() const;
-        // Detaches the TCP client or bus subscriber `id` (its connection is
-        // closed). False, and nothing changes, for an id that is not attached
-        // and for "client", the run log, which is no client.
+        // Detaches the TCP client, bus subscriber or in-process consumer `id`
+        // (a connection is closed). False, and nothing changes, for an id that
+        // is not attached and for "client", the run log, which is no client.
         bool detach(std::string const& id);
+        // Whether a consumer `id` is attached.
+        bool hasConsumer(std::string const& id) const;
+
+        // --- Consumers inside the host's process (see PeerLocal) ---
+
+        // Attaches the in-process consumer `id`, `address` saying where it is.
+        // False, and nothing changes, when the id is taken.
+        bool attachLocal(std::string const& id, std::string const& address);
+        // Appends to `out` at most `most` bytes of the output queued for the
+        // in-process consumer `id` (see PeerLocal::take); 0 for none, or for an
+        // id that is no such consumer.
+        std::size_t takeLocalOutput(std::string const& id, std::string& out, std::size_t most);
+        // Gives `bytes`, typed by the in-process consumer `id`, to the program
+        // after what waits for it already; false, and nothing changes, for an
+        // id that is no such consumer.
+        bool typeLocalInput(std::string const& id, std::string const& bytes);
+        // How many typed bytes wait for the program's terminal to take them.
+        std::size_t typedInputWaiting() const { return bufConn2Child.size(); }
 
     private:
         void openListeningSocket(unsigned short port);

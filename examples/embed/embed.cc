@@ -204,13 +204,8 @@ private:
             asHostOnly(host_, [&] { known = supervisor_.requestRestart(module, std::move(done)); });
             return known;
         };
-        hooks.port = [this](std::string const& module) {
-            for (nxahost::ModulePort const& m : ports()) {
-                if (m.name == module) return static_cast<int>(m.port);
-            }
-            return -1;
-        };
         web_ = std::make_unique<nxahost::WebConsole>(
+            client_,
             nxahost::WebConsoleSetup{options_.webAddress, options_.webPort, nxahost::installedWebRoot(), 0},
             std::move(hooks));
     }

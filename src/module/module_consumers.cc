@@ -32,8 +32,13 @@ std::vector<NXAClient::Module::Consumer> NXAClient::Module::getConsumers() const
         c.id = peer.getId();
         bool const log = &peer == getRunLogPeer();
         auto const* telnet = dynamic_cast<PeerTelnet const*>(&peer);
-        c.kind = log ? ConsumerKind::log : telnet != nullptr ? ConsumerKind::tcp : ConsumerKind::bus;
-        c.address = telnet != nullptr && !log ? peerAddress(telnet->getFd()) : std::string();
+        auto const* local = dynamic_cast<PeerLocal const*>(&peer);
+        c.kind = log                 ? ConsumerKind::log
+                 : telnet != nullptr ? ConsumerKind::tcp
+                 : local != nullptr  ? ConsumerKind::local
+                                     : ConsumerKind::bus;
+        if (telnet != nullptr && !log) c.address = peerAddress(telnet->getFd());
+        if (local != nullptr) c.address = local->getAddress();
         c.counters = peer.getCounters();
         c.queuedChunks = peer.getQueue().size();
         c.queuedBytes = peer.queuedBytes();
@@ -47,5 +52,29 @@ bool NXAClient::Module::detach(std::string const& id) {
     if (id == kRunLogId || peers.find(id) == nullptr) return false;
     noteChanged();
     peers.erase(id);
+    return true;
+}
+
+bool NXAClient::Module::hasConsumer(std::string const& id) const {
+    return peers.find(id) != nullptr;
+}
+
+bool NXAClient::Module::attachLocal(std::string const& id, std::string const& address) {
+    if (!peers.adopt(std::make_unique<PeerLocal>(*this, id, address))) return false;
+    noteChanged();
+    return true;
+}
+
+std::size_t NXAClient::Module::takeLocalOutput(std::string const& id, std::string& out, std::size_t most) {
+    auto* local = dynamic_cast<PeerLocal*>(peers.find(id));
+    return local != nullptr ? local->take(out, most) : 0;
+}
+
+bool NXAClient::Module::typeLocalInput(std::string const& id, std::string const& bytes) {
+    if (dynamic_cast<PeerLocal*>(peers.find(id)) == nullptr) return false;
+    if (bytes.empty()) return true;
+    // The terminal is asked for writing from the next turn on.
+    noteChanged();
+    bufConn2Child += bytes;
     return true;
 }

@@ -51,6 +51,15 @@ void NXAClient::Peers::add(std::string const& id) {
     onlyRunLogs = false;
 }
 
+bool NXAClient::Peers::adopt(std::unique_ptr<Peer> peer) {
+    std::string const id = peer->getId();
+    auto hint = peers.lower_bound(id);
+    if (hint != peers.end() && hint->first == id) return false;
+    peers.emplace_hint(hint, id, std::move(peer));
+    notePeersChanged();
+    return true;
+}
+
 void NXAClient::Peers::erase(std::string const& id) {
     NXA_DEBUG(nxa::trace::kPeer, "id=", id);
     auto it = peers.find(id);

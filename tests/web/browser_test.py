@@ -73,9 +73,9 @@ class Browser(unittest.TestCase):
         self.driver.get(webhost.CONSOLE + "/module/echo")
         self.wait_terminal(r"echo: type a line and press Enter")
         self.wait.until(lambda d: "read-only" in d.find_element(By.ID, "state").text)
-        address = webhost.relay_address(self.host, "echo")
-        clients = [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "tcp"]
-        self.assertEqual([c["address"] for c in clients], [address])
+        consumer = webhost.terminal_id(self.host, "echo")
+        clients = [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "local"]
+        self.assertEqual([c["id"] for c in clients], [consumer])
         # Read-only: keystrokes stay in the page.
         area = self.driver.find_element(By.CSS_SELECTOR, "#terminal textarea")
         area.send_keys("ignored\n")

@@ -182,11 +182,11 @@ class SlowBrowser(unittest.TestCase):
         stuck.sendall(b"GET /module/flood/terminal HTTP/1.1\r\nHost: 127.0.0.1:20080\r\nUpgrade: websocket\r\n"
                       b"Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
                       b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Protocol: nxa-terminal\r\n\r\n")
-        # It reads nothing from now on; the relay must fill up and the module drop for it.
-        def relay_lost():
-            tcp = [c for c in webhost.ctl_json("clients", "flood") if c["kind"] == "tcp"]
-            return tcp and tcp[0]["lost_chunks"] > 100
-        self.assertTrue(webhost.wait_until(relay_lost), webhost.ctl_json("clients", "flood"))
+        # It reads nothing from now on; the terminal's buffer must fill up and the module drop for it.
+        def terminal_lost():
+            local = [c for c in webhost.ctl_json("clients", "flood") if c["kind"] == "local"]
+            return local and local[0]["lost_chunks"] > 100
+        self.assertTrue(webhost.wait_until(terminal_lost), webhost.ctl_json("clients", "flood"))
 
         async def reader():
             term = await Terminal("flood").open()
@@ -222,8 +222,8 @@ class VanishedBrowser(unittest.TestCase):
             term.socket.transport.abort()
         run(typist())
 
-        lost = re.compile(r"^\[INFO\] nxahost: connection telnet:\d+ lost: ", re.M)
-        self.assertTrue(webhost.wait_until(lambda: lost.search(self.host.out())), self.host.describe())
+        gone = re.compile(r"^\[INFO\] nxahost: browser terminal of module cat \(browser:\d+\) closed$", re.M)
+        self.assertTrue(webhost.wait_until(lambda: gone.search(self.host.out())), self.host.describe())
         # Whatever the host does after the loss comes before a new terminal is served.
         async def later():
             term = await Terminal("cat").open()
@@ -231,7 +231,9 @@ class VanishedBrowser(unittest.TestCase):
             self.assertTrue(await term.read_until("later\n"), term.received)
             await term.close()
         run(later())
-        self.assertEqual(len(lost.findall(self.host.out())), 1, self.host.describe())
+        self.assertEqual(len(gone.findall(self.host.out())), 2, self.host.describe())
+        self.assertNotIn(" lost: ", self.host.out())
+        self.assertEqual([c for c in webhost.ctl_json("clients", "cat") if c["kind"] == "local"], [])
         self.assertLess(self.host.rss_kib(), rss + 1024)
 
 
@@ -255,16 +257,16 @@ class WebTerminals(unittest.TestCase):
         async def scenario():
             term = await Terminal("echo").open()
             self.assertTrue(await term.read_until("echo: type a line"))
-            address = webhost.relay_address(self.host, "echo")
-            self.assertTrue(address, self.host.describe())
+            consumer = webhost.terminal_id(self.host, "echo")
+            self.assertRegex(consumer or "", r"^browser:\d+$", self.host.describe())
             clients = webhost.ctl_json("clients", "echo")
-            tcp = [c for c in clients if c["kind"] == "tcp"]
-            self.assertEqual([c["address"] for c in tcp], [address])
+            local = [c for c in clients if c["kind"] == "local"]
+            self.assertEqual([(c["id"], c["address"]) for c in local], [(consumer, "127.0.0.1")])
             self.assertEqual(status()["modules"][1]["clients"], 1)
             await term.close()
-            self.assertTrue(self.host.wait_for(r"browser terminal of module echo \(%s\) closed" % re.escape(address)))
+            self.assertTrue(self.host.wait_for(r"browser terminal of module echo \(%s\) closed" % re.escape(consumer)))
             self.assertTrue(webhost.wait_until(
-                lambda: not [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "tcp"]))
+                lambda: not [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "local"]))
         run(scenario())
 
     def test_the_terminal_carries_on_when_the_program_is_restarted(self):
@@ -297,8 +299,8 @@ class WebTerminals(unittest.TestCase):
         async def scenario():
             term = await Terminal("echo").open()
             self.assertTrue(await term.read_until("echo: type a line"))
-            tcp = [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "tcp"]
-            subprocess.run([webhost.CTL, "kick", "echo", tcp[0]["id"]], check=True, capture_output=True)
+            local = [c for c in webhost.ctl_json("clients", "echo") if c["kind"] == "local"]
+            subprocess.run([webhost.CTL, "kick", "echo", local[0]["id"]], check=True, capture_output=True)
             self.assertTrue(await term.wait_closed())
             self.assertEqual((term.close_code, term.close_reason), (1001, "the module closed the connection"))
         run(scenario())
@@ -322,8 +324,8 @@ class WebTerminals(unittest.TestCase):
             got = await asyncio.gather(*[t.read_until(b"clock: ", after=m) for t, m in zip(terms, marks)])
             self.assertEqual(got, [True] * 50)
             self.assertEqual(status()["modules"][0]["clients"], 50)
-            # Per terminal: the browser's connection, the relay and the module's end of it.
-            self.assertLess(self.host.descriptors(), descriptors + 3 * 50 + 10)
+            # Per terminal: the browser's connection alone; the module serves it in the process.
+            self.assertLess(self.host.descriptors(), descriptors + 50 + 10)
             self.assertLess(self.host.rss_kib(), rss + 64 * 1024)
             for t in terms:
                 await t.close()

@@ -223,8 +223,8 @@ class Terminal:
         await self.socket.close()
 
 
-def relay_address(host, module, after=0):
-    """The address the host reports for the newest browser terminal of `module`."""
+def terminal_id(host, module, after=0):
+    """The consumer id the host reports for the newest browser terminal of `module` ("browser:N")."""
     pattern = re.compile(r"browser terminal of module %s opened from .*, attached as (\S+)$" % re.escape(module),
                          re.M)
     found = wait_until(lambda: pattern.findall(host.out()[after:]))

@@ -96,9 +96,8 @@ void Host::startWebConsole() {
     hooks.restart = [this](std::string const& module, ProgramSupervisor::RestartDone done) {
         return restartModule(module, std::move(done));
     };
-    hooks.port = [this](std::string const& module) { return modulePort(module); };
     web_ = std::make_unique<WebConsole>(
-        WebConsoleSetup{options_.webAddress, options_.webPort, options_.webRoot, options_.debug},
+        client_, WebConsoleSetup{options_.webAddress, options_.webPort, options_.webRoot, options_.debug},
         std::move(hooks));
 }
 
@@ -123,13 +122,6 @@ void Host::advanceRestarts() {
     bool changed = false;
     asHostOnly([&] { changed = supervisor_.advance(); });
     if (changed) notifier_.status(statusText());
-}
-
-int Host::modulePort(std::string const& name) {
-    for (ModulePort const& m : runningPorts()) {
-        if (m.name == name) return m.port;
-    }
-    return -1;
 }
 
 void Host::startModules() {

@@ -61,7 +61,6 @@ private:
     bool restartModule(std::string const& name, nxahost::ProgramSupervisor::RestartDone done);
     void advanceRestarts();
     void startWebConsole();
-    int modulePort(std::string const& name);
 
     // host_turn.cc: one turn of the loop.
     void turn();

@@ -2,6 +2,7 @@
 // WebSockets behind the terminals, served from the host's own loop.
 #pragma once
 
+#include <nxaclient.h>
 #include <vlplatform/fd_set.h>
 
 #include <cstddef>
@@ -20,8 +21,6 @@ struct WebConsoleHooks {
     // the function given once the new program runs (an empty text) or cannot
     // start (why); false, without calling it, for an unknown module.
     std::function<bool(std::string const&, std::function<void(std::string const&)>)> restart;
-    // The port a running module listens on; -1 for an unknown module.
-    std::function<int(std::string const&)> port;
 };
 
 // Where the console listens and what it serves.
@@ -36,7 +35,9 @@ struct WebConsoleSetup {
 // addFds before the host's wait, serve after it. Routes: GET / (status page),
 // /status.json, /module/NAME (terminal page), the page's files; POST
 // /module/NAME/restart (answered once the new program runs); the WebSocket
-// /module/NAME/terminal, relayed to the module's port like a TCP client. At
+// /module/NAME/terminal, served as a consumer of the module's own (see
+// NXAClient::PeerLocal) that the module lists among its clients as
+// "browser:N" and that can be kicked like one. At
 // most kMaxConnections browser connections are served at once; a request on a
 // connection beyond them is answered 503 and a WebSocket beyond them is closed
 // with code 1013 and a reason. Requests whose Host is not an address or
@@ -48,8 +49,9 @@ public:
     static constexpr std::size_t kMaxConnections = 64;
 
     // Listens; throws std::runtime_error when the server cannot be set up
-    // (the address taken, the event library missing).
-    WebConsole(WebConsoleSetup setup, WebConsoleHooks hooks);
+    // (the address taken, the event library missing). The terminals are the
+    // consumers of the modules of `client`, which must outlive the console.
+    WebConsole(NXAClient& client, WebConsoleSetup setup, WebConsoleHooks hooks);
     // Closes every connection.
     ~WebConsole();
     WebConsole(WebConsole const&) = delete;

@@ -23,7 +23,8 @@ Tally tally(NXAClient::Module const& module) {
     Tally t;
     for (NXAClient::Module::Consumer const& c : module.getConsumers()) {
         if (c.kind == Kind::log) t.bytesOut = c.counters.pushed;
-        if (c.kind == Kind::tcp) ++t.clients;
+        // A browser terminal is a client like a TCP one.
+        if (c.kind == Kind::tcp || c.kind == Kind::local) ++t.clients;
         if (c.kind == Kind::bus) ++t.subscribers;
         if (c.kind != Kind::log) t.chunksLost += c.counters.lostChunks;
     }

@@ -17,9 +17,11 @@ bool isTransient(std::exception const& e) {
     return code == EAGAIN || code == EWOULDBLOCK || code == EINTR;
 }
 
-bool hasTcpClient(NXAClient::Module const& module) {
+// A TCP client or a browser terminal: a consumer that can type.
+bool hasTypingClient(NXAClient::Module const& module) {
+    using Kind = NXAClient::Module::ConsumerKind;
     for (NXAClient::Module::Consumer const& consumer : module.getConsumers()) {
-        if (consumer.kind == NXAClient::Module::ConsumerKind::tcp) return true;
+        if (consumer.kind == Kind::tcp || consumer.kind == Kind::local) return true;
     }
     return false;
 }
@@ -29,7 +31,7 @@ void detach(NXAClient& client, std::string const& peer) {
         if (!module->detach(peer)) continue;
         // Input typed by several clients is interleaved: it is kept unless
         // the lost client was the only one that could have typed it.
-        if (!hasTcpClient(*module)) module->dropTypedInput();
+        if (!hasTypingClient(*module)) module->dropTypedInput();
         return;
     }
 }

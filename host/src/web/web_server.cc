@@ -53,8 +53,8 @@ lws_retry_bo_t const kIdlePolicy = {nullptr, 0, 0, kPingAfterSeconds, kHangUpAft
 
 }  // namespace
 
-WebConsole::WebConsole(WebConsoleSetup setup, WebConsoleHooks hooks)
-    : server_(std::make_unique<Server>(std::move(setup), std::move(hooks))) {}
+WebConsole::WebConsole(NXAClient& client, WebConsoleSetup setup, WebConsoleHooks hooks)
+    : server_(std::make_unique<Server>(client, std::move(setup), std::move(hooks))) {}
 
 WebConsole::~WebConsole() = default;
 
@@ -81,8 +81,8 @@ bool holdsWebPages(std::string const& root) {
     return stat((root + "/index.html").c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-WebConsole::Server::Server(WebConsoleSetup setup, WebConsoleHooks hooks)
-    : setup_(std::move(setup)), hooks_(std::move(hooks)) {
+WebConsole::Server::Server(NXAClient& client, WebConsoleSetup setup, WebConsoleHooks hooks)
+    : client_(client), setup_(std::move(setup)), hooks_(std::move(hooks)) {
     libraryLinesShown = setup_.debug > 0;
     lws_set_log_level(LLL_ERR | (libraryLinesShown ? LLL_WARN | LLL_NOTICE : 0), libraryLine);
     lws_context_creation_info info;
@@ -116,15 +116,14 @@ WebConsole::Server::~Server() {
 }
 
 int WebConsole::Server::addFds(FdSet& rd, FdSet& wr, int timeoutMs) {
-    for (auto const& entry : connections_) {
-        if (entry.second.terminal) entry.second.terminal->addFds(rd, wr);
-    }
     return glib_.addFds(rd, wr, timeoutMs);
 }
 
+// The terminals take what their modules printed this turn before the
+// connections are served.
 void WebConsole::Server::serve(FdSet const& rd, FdSet const& wr) {
     for (auto const& entry : connections_) {
-        if (entry.second.terminal) entry.second.terminal->serve(rd, wr);
+        if (entry.second.terminal) entry.second.terminal->serve();
     }
     glib_.dispatch(rd, wr);
 }

@@ -23,7 +23,7 @@ namespace nxahost {
 // connection is and gone with it.
 class WebConsole::Server {
 public:
-    Server(WebConsoleSetup setup, WebConsoleHooks hooks);
+    Server(NXAClient& client, WebConsoleSetup setup, WebConsoleHooks hooks);
     ~Server();
     Server(Server const&) = delete;
     Server& operator=(Server const&) = delete;
@@ -55,7 +55,7 @@ private:
         std::optional<std::pair<std::string, std::string>> restartOutcome;
         // A terminal asked for in the handshake: the module.
         std::optional<std::string> requestedTerminal;
-        // The open terminal's relay.
+        // The open terminal.
         std::unique_ptr<WebTerminal> terminal;
         // A terminal refused once open: the close code and reason to send.
         std::optional<std::pair<int, std::string>> refusal;
@@ -86,12 +86,15 @@ private:
     void closeWith(lws* wsi, int code, std::string const& reason);
     bool overLimit() const { return connections_.size() > kMaxConnections; }
 
+    NXAClient& client_;
     WebConsoleSetup setup_;
     WebConsoleHooks hooks_;
     GlibTurn glib_;
     lws_context* context_ = nullptr;
     std::map<lws*, Connection> connections_;
     unsigned long restartSerial_ = 0;
+    // Numbers the terminals' consumers ("browser:N").
+    unsigned long terminalSerial_ = 0;
 };
 
 }  // namespace nxahost

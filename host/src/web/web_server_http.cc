@@ -87,7 +87,7 @@ int WebConsole::Server::onGet(lws* wsi, std::string const& path) {
     std::string const library = libraryModule(path);
     if (!library.empty()) return serveFile(wsi, kTerminalLibrary + library, "application/javascript");
     std::optional<std::string> const module = moduleInPath(path, "");
-    if (module && hooks_.port(*module) >= 0)
+    if (module && client_.modules.find(*module) != nullptr)
         return serveFile(wsi, setup_.root + "/terminal.html", "text/html");
     return replyError(wsi, HTTP_STATUS_NOT_FOUND, "not found");
 }

@@ -46,14 +46,15 @@ int WebConsole::Server::onTerminalOpen(lws* wsi) {
                        "too many browser connections: at most " + std::to_string(kMaxConnections));
         return 0;
     }
-    int const port = hooks_.port(module);
-    if (port < 0) {
+    if (client_.modules.find(module) == nullptr) {
         refuseTerminal(wsi, kCloseNoModule, "no module named " + module);
         return 0;
     }
-    auto terminal = std::make_unique<WebTerminal>(wsi, module, static_cast<unsigned short>(port));
-    hostLog(kHostInfo, "browser terminal of module ", module, " opened from ", peerOf(wsi), ", attached as ",
-            terminal->relayAddress());
+    std::string const browser = peerOf(wsi);
+    auto terminal = std::make_unique<WebTerminal>(wsi, client_, module,
+                                                  "browser:" + std::to_string(++terminalSerial_), browser);
+    hostLog(kHostInfo, "browser terminal of module ", module, " opened from ", browser, ", attached as ",
+            terminal->id());
     c->terminal = std::move(terminal);
     return 0;
 }
@@ -89,8 +90,8 @@ void WebConsole::Server::closeWith(lws* wsi, int code, std::string const& reason
 void WebConsole::Server::onTerminalClosed(lws* wsi) {
     Connection* const c = connection(wsi);
     if (!c->terminal) return;
-    hostLog(kHostInfo, "browser terminal of module ", c->terminal->module(), " (",
-            c->terminal->relayAddress(), ") closed");
+    hostLog(kHostInfo, "browser terminal of module ", c->terminal->module(), " (", c->terminal->id(),
+            ") closed");
     c->terminal.reset();
 }
 
