@@ -51,6 +51,19 @@ std::string buildWithFindPackage(std::string const& prefix, std::string const& w
     return built.status == 0 ? work + "/cmake/embed" : "";
 }
 
+// A fresh install, and the example built against it with find_package.
+struct Built {
+    std::string prefix, work, binary;
+};
+Built installAndBuild() {
+    Built built;
+    built.prefix = freshDir("embed-prefix");
+    installInto(built.prefix);
+    built.work = freshDir("embed-work");
+    if (!::testing::Test::HasFatalFailure()) built.binary = buildWithFindPackage(built.prefix, built.work);
+    return built;
+}
+
 TEST(EmbedExample, BuiltBothWaysAgainstTheInstalledTreeServesAModuleUntilTerm) {
     NXA_REQUIRE_SANDBOX();
     std::string const prefix = freshDir("embed-prefix");
@@ -110,11 +123,10 @@ TEST(EmbedExample, BuiltBothWaysAgainstTheInstalledTreeServesAModuleUntilTerm) {
 // line and status 1, and the host itself serves the first module on.
 TEST(EmbedExample, ForkedCopyWhoseProgramCannotStartEndsThereAndTheHostServesOn) {
     NXA_REQUIRE_SANDBOX();
-    std::string const prefix = freshDir("embed-prefix");
-    ASSERT_NO_FATAL_FAILURE(installInto(prefix));
-    std::string const work = freshDir("embed-work");
-    std::string const binary = buildWithFindPackage(prefix, work);
-    ASSERT_FALSE(binary.empty());
+    Built const built = installAndBuild();
+    ASSERT_FALSE(built.binary.empty());
+    std::string const& work = built.work;
+    std::string const& binary = built.binary;
 
     e2e::installPackage({e2e::writeModule(work + "/modules", "first", "noarch",
                                           "printf 'first ready\\r\\n'; exec sleep 1000"),
@@ -151,11 +163,11 @@ TEST(EmbedExample, ForkedCopyWhoseProgramCannotStartEndsThereAndTheHostServesOn)
 // example's controls.
 TEST(EmbedExample, RestartsACrashingModuleAndAnswersNxactl) {
     NXA_REQUIRE_SANDBOX();
-    std::string const prefix = freshDir("embed-prefix");
-    ASSERT_NO_FATAL_FAILURE(installInto(prefix));
-    std::string const work = freshDir("embed-work");
-    std::string const binary = buildWithFindPackage(prefix, work);
-    ASSERT_FALSE(binary.empty());
+    Built const built = installAndBuild();
+    ASSERT_FALSE(built.binary.empty());
+    std::string const& prefix = built.prefix;
+    std::string const& work = built.work;
+    std::string const& binary = built.binary;
 
     e2e::installPackage(
         {e2e::writeModule(work + "/modules", "crash", "noarch", "printf 'up\\r\\n'; read line; exit 3"),
