@@ -17,6 +17,9 @@ packages=(
     libwebsockets-dev libglib2.0-dev libwebsockets-evlib-glib node-xterm libjs-xterm
     # The browser console's tests: a WebSocket client, a real browser.
     python3 python3-websockets chromium chromium-driver python3-selenium
+    # Signed packages: libsodium for the signatures, minisign for its key
+    # files and to sign and verify beside the host in the tests.
+    libsodium-dev minisign
 )
 
 missing=()
