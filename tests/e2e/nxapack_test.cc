@@ -206,9 +206,10 @@ TEST_F(Nxapack, PackageThatCannotBeWrittenIsReported) {
 
 TEST_F(Nxapack, UsageErrorsExitWithTwoAndHelpWithZero) {
     std::string const alpha = writeModule(src_, "alpha", "noarch", "echo alpha");
-    std::string const usage = "usage: nxapack OUT.zip MODULE_DIR_OR_ZIP...\n";
-    for (std::string const& args :
-         {std::string(), quoted(out_), "-x " + quoted(out_) + " " + quoted(alpha)}) {
+    std::string const usage = "usage: nxapack [OPTION]... OUT.zip MODULE_DIR_OR_ZIP...\n";
+    for (std::string const& args : {std::string(), quoted(out_), "-x " + quoted(out_) + " " + quoted(alpha),
+                                    "--version-tag 2.0 " + quoted(out_) + " " + quoted(alpha),
+                                    "--sign-password-file /dev/null " + quoted(out_) + " " + quoted(alpha)}) {
         PackRun const r = pack(args);
         EXPECT_EQ(r.status, 2) << args;
         EXPECT_EQ(r.err.rfind(usage, 0), 0u) << args << ": " << r.err;
@@ -219,6 +220,67 @@ TEST_F(Nxapack, UsageErrorsExitWithTwoAndHelpWithZero) {
     EXPECT_EQ(help.out.rfind(usage, 0), 0u) << help.out;
     EXPECT_EQ(help.err, "");
     EXPECT_FALSE(exists(out_));
+}
+
+// A module folder whose Manifest names `version`, or no version when it is empty.
+std::string versionedModule(std::string const& parent, std::string const& name, std::string const& version) {
+    std::string const folder = writeModule(parent, name, "noarch", "echo " + name);
+    std::string const named = version.empty() ? std::string() : "version\t=\t" + version + "\n";
+    nxatest::writeFile(folder + "/Manifest", "name\t=\t" + name + "\n" + named + "architecture\t=\tnoarch\n");
+    return folder;
+}
+
+TEST_F(Nxapack, ASignedPackageVerifiesWithMinisignAndNamesTheNewestModuleVersion) {
+    ASSERT_EQ(nxatest::shell("cd " + scratchDir() + " && minisign -G -W -p k.pub -s k.key").status, 0);
+    std::string const alpha = versionedModule(src_, "alpha", "1.9");
+    std::string const beta = versionedModule(src_, "beta", "1.10");
+    PackRun const r = pack("--sign " + quoted(scratchDir() + "/k.key") + " " + quoted(out_) + " " +
+                           quoted(alpha) + " " + quoted(beta));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("nxapack: signed " + out_ + " as version 1.10 with key "), std::string::npos)
+        << r.out;
+    nxatest::ShellResult const checked =
+        nxatest::shell("minisign -V -p " + quoted(scratchDir() + "/k.pub") + " -m " + quoted(out_));
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    EXPECT_NE(checked.output.find("\tfile:out.zip\tversion:1.10"), std::string::npos) << checked.output;
+}
+
+TEST_F(Nxapack, AnEncryptedKeyTakesItsPasswordFromTheFileAndAVersionTag) {
+    std::string const key = scratchDir() + "/e.key";
+    ASSERT_EQ(
+        nxatest::shell("cd " + scratchDir() + " && printf 'right\\nright\\n' | minisign -G -p e.pub -s e.key")
+            .status,
+        0);
+    nxatest::writeFile(scratchDir() + "/right", "right\n");
+    nxatest::writeFile(scratchDir() + "/wrong", "wrong\n");
+    std::string const alpha = versionedModule(src_, "alpha", "");
+    std::string const args = quoted(out_) + " " + quoted(alpha);
+    PackRun const wrong = pack("--sign " + quoted(key) + " --sign-password-file " +
+                               quoted(scratchDir() + "/wrong") + " --version-tag 3 " + args);
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.err, "nxapack: wrong password or damaged secret key\n");
+    PackRun const untagged = pack("--sign " + quoted(key) + " --sign-password-file " +
+                                  quoted(scratchDir() + "/right") + " " + args);
+    EXPECT_EQ(untagged.status, 1);
+    EXPECT_EQ(untagged.err,
+              "nxapack: no module names a version (dotted numbers): give the package's with --version-tag\n");
+    PackRun const right = pack("--sign " + quoted(key) + " --sign-password-file " +
+                               quoted(scratchDir() + "/right") + " --version-tag 3.0.1 " + args);
+    ASSERT_EQ(right.status, 0) << right.err;
+    nxatest::ShellResult const checked =
+        nxatest::shell("minisign -V -p " + quoted(scratchDir() + "/e.pub") + " -m " + quoted(out_));
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    EXPECT_NE(checked.output.find("version:3.0.1"), std::string::npos) << checked.output;
+}
+
+TEST_F(Nxapack, AKeyThatIsNoMinisignKeyIsRefused) {
+    nxatest::writeFile(scratchDir() + "/bad.key", "untrusted comment: x\nnot base64\n");
+    std::string const alpha = writeModule(src_, "alpha", "noarch", "echo alpha");
+    PackRun const r = pack("--sign " + quoted(scratchDir() + "/bad.key") + " --version-tag 1 " +
+                           quoted(out_) + " " + quoted(alpha));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "nxapack: not a minisign secret key\n");
+    EXPECT_FALSE(exists(out_ + ".minisig"));
 }
 
 }  // namespace
