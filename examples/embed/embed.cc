@@ -96,14 +96,17 @@ public:
           bus_("", nxahost::kBusPort, options_.busName),
           programs_(client_),
           supervisor_(programs_, nxahost::RestartPolicy::onFailure, clock_, jitter_, host_),
-          control_(
-              client_, [this] { return status(); },
-              [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
-                  bool known = false;
-                  asHostOnly(host_, [&] { known = supervisor_.requestRestart(module, std::move(done)); });
-                  return known;
-              },
-              nxahost::ControlServer::overBus(bus_, options_.busName)) {
+          control_(client_,
+                   nxahost::ControlServer::Hooks{
+                       [this] { return status(); },
+                       [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
+                           bool known = false;
+                           asHostOnly(host_,
+                                      [&] { known = supervisor_.requestRestart(module, std::move(done)); });
+                           return known;
+                       },
+                       nullptr, nullptr},
+                   nxahost::ControlServer::overBus(bus_, options_.busName)) {
         nxahost::setLogName("embed");
         bus_.setup();  // one attempt; nxahost also comes back after a broker outage
     }

@@ -29,6 +29,15 @@ std::string faultPreload();
 // (see host_leak.supp), as a "LSAN_OPTIONS=..." environment entry.
 std::string leakSuppressionsEnv();
 
+// Whether the host and the tests are built with AddressSanitizer. A
+// sanitized host keeps what it frees in its allocator's caches and shadow
+// memory, so its resident memory says nothing of what the host's code keeps.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kSanitizedBuild = true;
+#else
+inline constexpr bool kSanitizedBuild = false;
+#endif
+
 // An environment entry for a host whose memory a test measures: a sanitized
 // host otherwise keeps what it frees in a quarantine of 256 MiB, so its
 // resident memory would never go down. Turns the quarantine off (ignored by a

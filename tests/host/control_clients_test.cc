@@ -48,8 +48,11 @@ protected:
     NXAClient client{"/var/opt/velmora", "/var/opt/velmora/nxa", "/var/opt/velmora/work", 0, kPort, 4, "", 0};
     std::vector<std::string> sent;
     nxahost::ControlServer server{
-        client, [] { return json(); },
-        [](std::string const&, nxahost::ProgramSupervisor::RestartDone) { return false; },
+        client,
+        nxahost::ControlServer::Hooks{
+            [] { return json(); },
+            [](std::string const&, nxahost::ProgramSupervisor::RestartDone) { return false; }, nullptr,
+            nullptr},
         [this](std::string const&, std::string const& text) { sent.push_back(text); }};
 };
 

@@ -33,17 +33,24 @@ class ControlServer : public ::testing::Test {
 protected:
     ControlServer()
         : client("/var/opt/velmora", "/var/opt/velmora/nxa", "/var/opt/velmora/work", 0, 21000, 4, "", 0),
-          server(
-              client,
-              [] {
-                  return json{{"ok", true}, {"modules", json::array({json{{"name", "echo"}}})}};
-              },
-              [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
-                  if (module != "echo") return false;
-                  restarts.push_back(std::move(done));
-                  return true;
-              },
-              [this](std::string const& to, std::string const& text) { sent.emplace_back(to, text); }) {}
+          server(client,
+                 nxahost::ControlServer::Hooks{
+                     [] {
+                         return json{{"ok", true}, {"modules", json::array({json{{"name", "echo"}}})}};
+                     },
+                     [this](std::string const& module, nxahost::ProgramSupervisor::RestartDone done) {
+                         if (module != "echo") return false;
+                         restarts.push_back(std::move(done));
+                         return true;
+                     },
+                     [this](bool allowDowngrade) {
+                         reloads.push_back(allowDowngrade);
+                         return reloadProblem;
+                     },
+                     [] {
+                         return json{{"installed", json{{"version", "2.0"}}}};
+                     }},
+                 [this](std::string const& to, std::string const& text) { sent.emplace_back(to, text); }) {}
 
     // Hands over the request and returns what was sent in answer.
     std::vector<std::pair<std::string, std::string>> ask(std::string const& text,
@@ -63,6 +70,8 @@ protected:
     nxatest::Capture quiet;
     NXAClient client;
     std::vector<nxahost::ProgramSupervisor::RestartDone> restarts;
+    std::vector<bool> reloads;
+    std::string reloadProblem;
     std::vector<std::pair<std::string, std::string>> sent;
     nxahost::ControlServer server;
 };
@@ -102,6 +111,22 @@ TEST_F(ControlServer, ARestartIsAnsweredOnceTheNewProgramRunsOrWithWhyItCouldNot
               {"id", "r2"},
               {"error",
                "cannot start module program echo again: cannot fork: Resource temporarily unavailable"}}));
+}
+
+TEST_F(ControlServer, AReloadIsAnsweredWithItsOutcomeAndCanAllowADowngradeOnce) {
+    EXPECT_EQ(askOne(R"({"command":"reload","id":1})"), (json{{"ok", true}, {"id", 1}}));
+    reloadProblem = "module echo would go from version 2.0 back to 1.4";
+    EXPECT_EQ(
+        askOne(R"({"command":"reload","allow_downgrade":false,"id":2})"),
+        (json{{"ok", false}, {"id", 2}, {"error", "module echo would go from version 2.0 back to 1.4"}}));
+    askOne(R"({"command":"reload","allow_downgrade":true})");
+    askOne(R"({"command":"reload","allow_downgrade":"yes"})");
+    EXPECT_EQ(reloads, (std::vector<bool>{false, false, true, false})) << "only true allows it";
+}
+
+TEST_F(ControlServer, PackageAnswersWhatTheHostKnowsOfItsPackages) {
+    EXPECT_EQ(askOne(R"({"command":"package","id":"p"})"),
+              (json{{"ok", true}, {"id", "p"}, {"package", json{{"installed", json{{"version", "2.0"}}}}}}));
 }
 
 TEST_F(ControlServer, AnAnswerGoesToWhoeverAsked) {

@@ -8,11 +8,13 @@
 #include <sys/stat.h>
 #include <vlplatform/zipper.h>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "capture.h"
+#include "fakes.h"
 #include "sandbox.h"
 #include "shell.h"
 
@@ -22,13 +24,15 @@ namespace {
 constexpr char kPackageDir[] = "/var/opt/velmora";
 constexpr char kDelivered[] = "/var/opt/velmora/nxa.zip";
 
-// A package holding the modules `names`, each printing `text`, as bytes.
-std::string makePackage(std::vector<std::string> const& names, std::string const& text) {
+// A package holding the modules `names`, each printing `text`, as bytes;
+// each Manifest names `version`.
+std::string makePackage(std::vector<std::string> const& names, std::string const& text,
+                        std::string const& version = "1.0") {
     std::string const work = "/tmp/safe-reload-work";
     std::string inner;
     std::string script = "rm -rf " + work + " && mkdir -p " + work + " && cd " + work;
     for (std::string const& name : names) {
-        script += " && mkdir " + name + " && printf 'name\\t=\\t" + name +
+        script += " && mkdir " + name + " && printf 'name\\t=\\t" + name + "\\nversion\\t=\\t" + version +
                   "\\narchitecture\\t=\\tnoarch\\n' > " + name + "/Manifest && printf '#!/bin/sh\\necho " +
                   text + "\\n' > " + name + "/" + name + " && (cd " + name + " && zip -q ../" + name +
                   ".zip Manifest " + name + ")";
@@ -50,8 +54,16 @@ protected:
     void SetUp() override { NXA_REQUIRE_SANDBOX(); }
     std::string installed() const { return nxatest::readFile(reload.installDir() + "/nxa.zip"); }
 
+    static nxahost::SafeReload::Setup setup() {
+        nxahost::SafeReload::Setup s;
+        s.packageDir = kPackageDir;
+        s.modules = {"m1", "m2"};
+        return s;
+    }
+
     nxatest::Capture quiet;
-    nxahost::SafeReload reload{kPackageDir, {"m1", "m2"}};
+    FakeClock clock;
+    nxahost::SafeReload reload{setup(), clock};
 };
 
 TEST_F(SafeReload, TheFirstInstallationTakesACopyOfTheDeliveredPackage) {
@@ -133,6 +145,148 @@ TEST_F(SafeReload, APackageLargerThanTheUnpackBudgetIsRefused) {
     EXPECT_EQ(reload.takeForReload(),
               "/var/opt/velmora/nxa.zip holds 2097152 bytes, more than the 1048576 a package may have");
     zipper::setUnpackBudget(0);
+}
+
+TEST_F(SafeReload, APackageOnProbationBecomesTheLastGoodOneWhenItsTimeIsOver) {
+    std::string const first = makePackage({"m1", "m2"}, "first");
+    nxatest::writeFile(kDelivered, first);
+    reload.takeForStart();
+    reload.started();
+    ASSERT_TRUE(reload.probationEnd());
+    EXPECT_EQ(*reload.probationEnd() - clock.now(), std::chrono::seconds(60));
+    clock.advance(std::chrono::seconds(59));
+    EXPECT_FALSE(reload.endProbationIfDue());
+    EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "");
+    clock.advance(std::chrono::seconds(1));
+    EXPECT_TRUE(reload.endProbationIfDue());
+    EXPECT_FALSE(reload.probationEnd());
+    ASSERT_TRUE(reload.record().lastGood);
+    EXPECT_EQ(reload.record().lastGood->sha256, reload.record().installed->sha256);
+    EXPECT_EQ(nxatest::readFile("/var/opt/velmora/.nxahost/last-good.zip"), first);
+    EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "") << "no probation, no rollback";
+}
+
+TEST_F(SafeReload, FailuresWithinTheProbationRollBackToTheLastGoodPackageForGood) {
+    std::string const first = makePackage({"m1", "m2"}, "first");
+    nxatest::writeFile(kDelivered, first);
+    reload.takeForStart();
+    reload.started();
+    clock.advance(std::chrono::seconds(60));
+    ASSERT_TRUE(reload.endProbationIfDue());
+    nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "second", "2.0"));
+    ASSERT_EQ(reload.takeForReload(), "");
+    reload.install([] {});
+    EXPECT_EQ(reload.record().installed->version, "2.0");
+    EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "");
+    EXPECT_EQ(reload.programFailed("m2", "exit status 1"), "") << "counted per module";
+    EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "");
+    std::string const reason = reload.programFailed("m1", "exit status 4");
+    EXPECT_EQ(reason, "module m1 ended 3 times within 60 s (exit status 4)");
+    std::string installedThen;
+    EXPECT_TRUE(reload.rollBack(reason, [&] { installedThen = installed(); }));
+    EXPECT_EQ(installedThen, first);
+    EXPECT_EQ(reload.record().installed->version, "1.0");
+    EXPECT_FALSE(reload.probationEnd()) << "the last good package is on no probation";
+    EXPECT_NE(
+        quiet.text().find("[ERROR] nxahost: reload rolled back: module m1 ended 3 times within 60 s (exit "
+                          "status 4); package 2.0 replaced by 1.0\n"),
+        std::string::npos)
+        << quiet.text();
+    // The same file again: refused, until another one replaces it.
+    EXPECT_EQ(reload.takeForReload().rfind("this package (sha256 ", 0), 0u);
+    nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "third", "2.1"));
+    EXPECT_EQ(reload.takeForReload(), "");
+}
+
+TEST_F(SafeReload, WithNoLastGoodPackageThereIsNothingToGoBackTo) {
+    nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "first"));
+    reload.takeForStart();
+    reload.started();
+    bool replaced = false;
+    EXPECT_FALSE(
+        reload.rollBack("module m1 ended 3 times within 60 s (exit status 1)", [&] { replaced = true; }));
+    EXPECT_FALSE(replaced);
+    EXPECT_NE(quiet.text().find("there is no last good package to go back to"), std::string::npos);
+}
+
+TEST_F(SafeReload, AtStartARefusedPackageGivesWayToTheLastGoodOne) {
+    std::string const first = makePackage({"m1", "m2"}, "first");
+    nxatest::writeFile(kDelivered, first);
+    reload.takeForStart();
+    reload.started();
+    clock.advance(std::chrono::seconds(60));
+    ASSERT_TRUE(reload.endProbationIfDue());
+    // The device restarts with a broken package delivered.
+    nxatest::writeFile(kDelivered, makePackage({"m2"}, "second"));
+    nxahost::SafeReload again(setup(), clock);
+    again.takeForStart();
+    again.started();
+    EXPECT_EQ(nxatest::readFile(again.installDir() + "/nxa.zip"), first);
+    EXPECT_NE(
+        quiet.text().find("[ERROR] nxahost: the package /var/opt/velmora/nxa.zip is refused: the package "
+                          "holds no module m1; starting the last good package 1.0 instead\n"),
+        std::string::npos)
+        << quiet.text();
+}
+
+// With trusted keys: signatures, and versions that only go forward.
+class SignedReload : public SafeReload {
+protected:
+    void SetUp() override {
+        SafeReload::SetUp();
+        ASSERT_EQ(nxatest::shell(
+                      "mkdir -p /tmp/keys /tmp/other && cd /tmp && minisign -G -W -p keys/k.pub -s k.key "
+                      "&& minisign -G -W -p other/o.pub -s other/o.key")
+                      .status,
+                  0);
+        nxahost::SafeReload::Setup s = setup();
+        s.keys = nxahost::TrustedKeys::load("/tmp/keys");
+        signedReload = std::make_unique<nxahost::SafeReload>(s, clock);
+    }
+    // Delivers `package`, signed with the key `key`.
+    static void deliverSigned(std::string const& package, std::string const& key = "/tmp/k.key") {
+        nxatest::writeFile(kDelivered, package);
+        ASSERT_EQ(nxatest::shell(std::string("minisign -S -s ") + key + " -m " + kDelivered).status, 0);
+    }
+    void passProbation() {
+        clock.advance(std::chrono::seconds(60));
+        ASSERT_TRUE(signedReload->endProbationIfDue());
+    }
+    std::unique_ptr<nxahost::SafeReload> signedReload;
+};
+
+TEST_F(SignedReload, OnlyAPackageSignedByATrustedKeyIsTakenAndItsSignerIsKept) {
+    EXPECT_TRUE(signedReload->checksSignatures());
+    nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "first"));
+    EXPECT_EQ(signedReload->takeForReload(),
+              "no signature: /var/opt/velmora/.nxahost/incoming.zip.minisig: No such file or directory");
+    deliverSigned(makePackage({"m1", "m2"}, "first"), "/tmp/other/o.key");
+    EXPECT_EQ(signedReload->takeForReload().rfind("signed by a key that is not trusted (", 0), 0u);
+    deliverSigned(makePackage({"m1", "m2"}, "first"));
+    EXPECT_EQ(signedReload->takeForReload(), "");
+    signedReload->install([] {});
+    ASSERT_TRUE(signedReload->record().installed);
+    EXPECT_EQ(signedReload->record().installed->keyId.size(), 16u);
+    EXPECT_NE(signedReload->record().installed->trustedComment.find("timestamp:"), std::string::npos);
+}
+
+TEST_F(SignedReload, VersionsOnlyGoForwardUnlessAllowedForOneReload) {
+    deliverSigned(makePackage({"m1", "m2"}, "first", "1.10"));
+    signedReload->takeForStart();
+    signedReload->started();
+    passProbation();
+    deliverSigned(makePackage({"m1", "m2"}, "older", "1.9"));
+    EXPECT_EQ(
+        signedReload->takeForReload(),
+        "module m1 would go from version 1.10 back to 1.9 (nxactl reload --allow-downgrade allows it for one "
+        "reload)");
+    EXPECT_EQ(signedReload->takeForReload(true), "");
+    signedReload->install([] {});
+    EXPECT_EQ(signedReload->record().installed->moduleVersions.at("m1"), "1.9");
+    passProbation();
+    EXPECT_EQ(signedReload->record().versions.at("m1"), "1.10") << "the newest that passed stays the floor";
+    deliverSigned(makePackage({"m1", "m2"}, "newer", "1.11"));
+    EXPECT_EQ(signedReload->takeForReload(), "");
 }
 
 TEST(PackageCopy, WhatIsNoRegularFileIsRefusedAndTheCopyLeftAlone) {

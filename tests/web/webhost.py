@@ -26,6 +26,9 @@ WEB_ROOT = os.environ.get("NXA_WEB_ROOT", "")
 PACKAGE = "/var/opt/velmora/nxa.zip"
 CONSOLE = "http://127.0.0.1:20080"
 PATIENCE = 20.0
+# A sanitized host (the build sets ASAN_OPTIONS for its tests) keeps what it
+# frees in its allocator's caches: its resident memory says nothing of the host's.
+SANITIZED = "ASAN_OPTIONS" in os.environ
 
 
 def wait_until(check, timeout=PATIENCE, step=0.05):

@@ -64,6 +64,23 @@ int restart(CtlOptions const& options) {
     return 0;
 }
 
+int reload(CtlOptions const& options) {
+    askHost(options, {{key::kCommand, control::kReload}, {key::kAllowDowngrade, options.allowDowngrade}});
+    std::cout << "reloaded the package\n";
+    return 0;
+}
+
+int package(CtlOptions const& options) {
+    json const answer = askHost(options, {{key::kCommand, control::kPackage}});
+    json const described = answer.value(key::kPackage, json::object());
+    if (options.json) {
+        std::cout << described.dump(2) << "\n";
+    } else {
+        std::cout << packageView(described);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int runCommand(CtlOptions const& options) {
@@ -71,5 +88,7 @@ int runCommand(CtlOptions const& options) {
     if (options.command == control::kClients) return clients(options);
     if (options.command == control::kKick) return kick(options);
     if (options.command == control::kRestart) return restart(options);
+    if (options.command == control::kReload) return reload(options);
+    if (options.command == control::kPackage) return package(options);
     return follow(options);
 }

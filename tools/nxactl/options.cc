@@ -22,10 +22,15 @@ constexpr char kUsage[] =
     "  kick MODULE ID     detach the client ID (as `clients` lists it) from MODULE\n"
     "  restart MODULE     start MODULE's program again; its clients stay attached\n"
     "  follow MODULE      print MODULE's output as a bus subscriber until INT or TERM\n"
+    "  reload             check the delivered package and, when it passes, install it (as\n"
+    "                     SIGHUP does); --allow-downgrade lets a module's version go back\n"
+    "  package            the installed package: version, hash, signer, probation, the last\n"
+    "                     good package and the latest installs and rollbacks\n"
     "\n"
     "Options:\n"
-    "  --json             status and clients: print the host's JSON list (\"modules\" or\n"
-    "                     \"clients\") instead of a table\n"
+    "  --json             status, clients and package: print the host's JSON (the \"modules\" or\n"
+    "                     \"clients\" list, the \"package\" object) instead of a table\n"
+    "  --allow-downgrade  reload: install a package whose module versions go back, this once\n"
     "  --bus-name NAME    the host's bus name (default @HOST@)\n"
     "  --timeout SECONDS  how long to wait for the broker and for the host's answer\n"
     "                     (default 3)\n"
@@ -43,21 +48,23 @@ std::string usage() {
 
 constexpr char kUsageHint[] =
     "usage: nxactl [--json] [--bus-name NAME] [--timeout SECONDS] status | clients MODULE |\n"
-    "       kick MODULE ID | restart MODULE | follow MODULE   (nxactl --help for more)\n";
+    "       kick MODULE ID | restart MODULE | follow MODULE | reload [--allow-downgrade] |\n"
+    "       package   (nxactl --help for more)\n";
 
-enum Option { kJson = 1, kBusName, kTimeout, kHelp };
+enum Option { kJson = 1, kBusName, kTimeout, kAllowDowngrade, kHelp };
 
 option const kOptions[] = {
     {"json", no_argument, nullptr, kJson},
     {"bus-name", required_argument, nullptr, kBusName},
     {"timeout", required_argument, nullptr, kTimeout},
+    {"allow-downgrade", no_argument, nullptr, kAllowDowngrade},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
 
 // How many arguments each command takes.
 std::map<std::string, std::size_t> const kArity = {
-    {"status", 0}, {"clients", 1}, {"kick", 2}, {"restart", 1}, {"follow", 1},
+    {"status", 0}, {"clients", 1}, {"kick", 2}, {"restart", 1}, {"follow", 1}, {"reload", 0}, {"package", 0},
 };
 
 // The longest time-out accepted, one day.
@@ -101,6 +108,9 @@ bool readOptions(int argc, char* const argv[], CtlCommandLine& result) {
             case kJson:
                 result.options.json = true;
                 break;
+            case kAllowDowngrade:
+                result.options.allowDowngrade = true;
+                break;
             case kBusName:
                 result.options.busName = optarg;
                 break;
@@ -142,9 +152,13 @@ bool readCommand(std::vector<std::string> const& words, CtlCommandLine& result) 
                             "arguments");
         return false;
     }
-    bool const lists = words[0] == "status" || words[0] == "clients";
+    bool const lists = words[0] == "status" || words[0] == "clients" || words[0] == "package";
     if (result.options.json && !lists) {
-        result = usageError("--json goes with status and clients only");
+        result = usageError("--json goes with status, clients and package only");
+        return false;
+    }
+    if (result.options.allowDowngrade && words[0] != "reload") {
+        result = usageError("--allow-downgrade goes with reload only");
         return false;
     }
     result.options.command = words[0];

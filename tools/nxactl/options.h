@@ -8,9 +8,10 @@
 #include <vector>
 
 struct CtlOptions {
-    std::string command;            // "status", "clients", "kick", "restart" or "follow"
+    std::string command;            // "status", "clients", "kick", "restart", "follow", "reload" or "package"
     std::vector<std::string> args;  // the command's arguments, as many as it takes
     bool json = false;
+    bool allowDowngrade = false;  // reload: let a module's version go back this once
     std::string busName = nxahost::control::kDefaultHostName;
     std::chrono::milliseconds timeout{3000};
     std::string timeoutText = "3";  // the time-out as the user wrote it, for messages

@@ -4,6 +4,8 @@
 #include <nxahost/program_supervisor.h>
 
 #include <cmath>
+#include <ctime>
+#include <sstream>
 
 namespace {
 
@@ -87,4 +89,65 @@ Table clientsTable(json const& clients) {
                       cell(client, key::kLostBytes)});
     }
     return table;
+}
+
+namespace {
+
+std::string utc(long long seconds) {
+    std::time_t const when = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    gmtime_r(&when, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &parts);
+    return text;
+}
+
+std::string shortHash(json const& info) {
+    std::string const sha = info.value("sha256", std::string());
+    return sha.size() > 12 ? sha.substr(0, 12) : sha;
+}
+
+// "2.0 (sha256 1a2b3c4d5e6f, key 3DABB00A2A0636CC)".
+std::string describePackage(json const& info) {
+    std::string const version = info.value("version", std::string());
+    std::string text = (version.empty() ? "-" : version) + " (sha256 " + shortHash(info);
+    std::string const key = info.value("key_id", std::string());
+    return text + (key.empty() ? ")" : ", key " + key + ")");
+}
+
+}  // namespace
+
+std::string packageView(json const& package) {
+    std::ostringstream out;
+    auto const installed = package.find("installed");
+    if (installed == package.end() || !installed->is_object()) {
+        out << "installed   none\n";
+    } else {
+        out << "installed   " << describePackage(*installed) << " since "
+            << utc(installed->value("installed_at", 0LL)) << "\n";
+        std::string const comment = installed->value("trusted_comment", std::string());
+        if (!comment.empty()) out << "            trusted comment: " << comment << "\n";
+    }
+    if (package.contains("probation_until")) {
+        out << "probation   until " << utc(package.value("probation_until", 0LL)) << " ("
+            << formatDuration(number(package, "probation_left")) << " left)\n";
+    } else {
+        out << "probation   none\n";
+    }
+    auto const good = package.find("last_good");
+    out << "last good   " << (good != package.end() && good->is_object() ? describePackage(*good) : "none")
+        << "\n";
+    out << "packages    "
+        << (package.value("checked", false) ? "checked (signed by a trusted key)" : "not checked") << "\n\n";
+    Table history({{"TIME", Align::left},
+                   {"EVENT", Align::left},
+                   {"VERSION", Align::left},
+                   {"SHA256", Align::left},
+                   {"DETAIL", Align::left}});
+    for (json const& event : package.value("history", json::array())) {
+        history.addRow({utc(event.value("time", 0LL)), cell(event, "event"), cell(event, "version"),
+                        shortHash(event).empty() ? "-" : shortHash(event), cell(event, "detail")});
+    }
+    history.print(out);
+    return out.str();
 }

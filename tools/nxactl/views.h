@@ -17,3 +17,9 @@ Table statusTable(nlohmann::json const& modules);
 // One row per consumer of the host's "clients" list: ID, KIND, ADDRESS,
 // ATTACHED, DELIVERED (bytes), QUEUED (chunks), LOST CHUNKS, LOST BYTES.
 Table clientsTable(nlohmann::json const& clients);
+
+// The host's "package" answer as lines: the installed package (version, hash,
+// signer and trusted comment, since when), its probation, the last good
+// package, then the latest installs and rollbacks as a table (TIME, EVENT,
+// VERSION, SHA256, DETAIL). Times are UTC.
+std::string packageView(nlohmann::json const& package);

@@ -1,5 +1,6 @@
 #include "host.h"
 
+#include <nxahost/control_protocol.h>
 #include <nxahost/device.h>
 #include <nxahost/log.h>
 #include <nxahost/module_status.h>
@@ -11,6 +12,7 @@
 
 #include <exception>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 using namespace nxahost;
@@ -28,7 +30,33 @@ std::vector<std::string> keptModules(HostOptions const& options) {
     return std::vector<std::string>(options.modules.begin(), options.modules.begin() + count);
 }
 
+SafeReload::Setup reloadSetup(HostOptions const& options) {
+    SafeReload::Setup setup;
+    setup.packageDir = options.packageDir;
+    setup.modules = keptModules(options);
+    setup.keys = loadTrustedKeys(options);
+    setup.keysDir = options.trustedKeys;
+    setup.probation = std::chrono::seconds(options.probationSeconds);
+    setup.probationFailures = options.probationFailures;
+    return setup;
+}
+
 }  // namespace
+
+TrustedKeys loadTrustedKeys(HostOptions const& options) {
+    TrustedKeys keys = TrustedKeys::load(options.trustedKeys);
+    for (std::string const& problem : keys.problems()) hostLog(kHostWarning, "not a trusted key: ", problem);
+    if (keys.empty() && options.trustedKeysGiven)
+        throw UnusableSetup("--trusted-keys: no usable minisign public key in " + options.trustedKeys);
+    if (keys.empty()) {
+        hostLog(kHostWarning, "packages are not checked: no trusted key in ", options.trustedKeys,
+                " (--trusted-keys)");
+    } else {
+        hostLog(kHostInfo, "packages are checked: ", keys.size(), " trusted key", keys.size() == 1 ? "" : "s",
+                " in ", options.trustedKeys);
+    }
+    return keys;
+}
 
 [[noreturn]] void endForkedCopy(char const* what) {
     std::string line = std::string(kHostError) + "nxahost: " + what + "\n";
@@ -40,18 +68,20 @@ std::vector<std::string> keptModules(HostOptions const& options) {
 Host::Host(HostOptions options)
     : options_(std::move(options)),
       hostPid_(getpid()),
-      package_(options_.packageDir, keptModules(options_)),
+      package_(reloadSetup(options_), clock_),
       client_(package_.installDir().c_str(), options_.modulesDir.c_str(), options_.workDir.c_str(), 0,
               options_.port, options_.maxModules, "", options_.debug),
       bus_("", kBusPort, options_.busName),
       programs_(client_),
       supervisor_(programs_, options_.restart, clock_, jitter_, hostPid_),
-      control_(
-          client_, [this] { return status(); },
-          [this](std::string const& module, ProgramSupervisor::RestartDone done) {
-              return restartModule(module, std::move(done));
-          },
-          ControlServer::overBus(bus_, options_.busName), options_.debug),
+      control_(client_,
+               ControlServer::Hooks{[this] { return status(); },
+                                    [this](std::string const& module, ProgramSupervisor::RestartDone done) {
+                                        return restartModule(module, std::move(done));
+                                    },
+                                    [this](bool allowDowngrade) { return reload(allowDowngrade); },
+                                    [this] { return package_.describe(); }},
+               ControlServer::overBus(bus_, options_.busName), options_.debug),
       notifier_(clock_) {
     noteDescriptorOpened(signals_.fd());
     setAsideAcceptReserve();
@@ -61,6 +91,11 @@ Host::Host(HostOptions options)
     bus_.setup();
     lastBusAttempt_ = Clock::now();
     lastModuleBusCheck_ = lastBusAttempt_;
+    // Said now, acted on after the supervisor's call, in the turn.
+    supervisor_.onFailure([this](std::string const& module, std::string const& how) {
+        std::string const reason = package_.programFailed(module, how);
+        if (!reason.empty() && rollbackReason_.empty()) rollbackReason_ = reason;
+    });
 }
 
 int Host::run() {
@@ -102,7 +137,9 @@ void Host::startWebConsole() {
 }
 
 nlohmann::json Host::status() {
-    return statusAnswer(client_, supervisor_, runningPorts(), clock_.now());
+    nlohmann::json answer = statusAnswer(client_, supervisor_, runningPorts(), clock_.now());
+    answer["package"] = package_.describe();
+    return answer;
 }
 
 std::vector<ModulePort> Host::runningPorts() const {
@@ -176,7 +213,7 @@ void Host::reactToSignals() {
     if (events & HostSignals::kStop) {
         stopping_ = true;
     } else if (events & HostSignals::kReload) {
-        reload();
+        reload(false);
     }
 }
 
@@ -191,17 +228,40 @@ void Host::printRunLog() {
 
 // The running modules are replaced only by a package that has every
 // configured module, and only while the broker answers (see SafeReload).
-void Host::reload() {
+// Returns what was wrong, empty once the package is installed.
+std::string Host::reload(bool allowDowngrade) {
     hostLog(kHostInfo, "reloading");
     if (!bus_.isConnected()) bus_.connectToServer();
     std::string const problem =
-        bus_.isConnected() ? package_.takeForReload()
+        bus_.isConnected() ? package_.takeForReload(allowDowngrade)
                            : "the bus broker on 127.0.0.1:" + std::to_string(kBusPort) + " does not answer";
     if (!problem.empty()) {
         hostLog(kHostError, "reload refused, the modules keep running: ", problem);
-        return;
+        return problem;
     }
     package_.install([this] { replaceModules(); });
+    return {};
+}
+
+// The package on probation failed: the last good one comes back.
+void Host::rollBack() {
+    std::string const reason = rollbackReason_;
+    rollbackReason_.clear();
+    std::string const from = package_.record().installed ? package_.record().installed->version : "";
+    if (!package_.rollBack(reason, [this] { replaceModules(); })) return;
+    announcePackageEvent({{"event", "rolled back"},
+                          {"reason", reason},
+                          {"from", from},
+                          {"to", package_.record().installed->version}});
+}
+
+// A package event to the bus server, as the modules tell it their state.
+void Host::announcePackageEvent(nlohmann::json event) {
+    if (!bus_.isConnected()) return;
+    auto message = std::make_unique<SystemMessage>();
+    message->setKind(control::kPackageEventKind);
+    message->setText(control::messageText(event));
+    bus_.sendTo(options_.busName, "VLPBusServer", std::move(message));
 }
 
 void Host::replaceModules() {

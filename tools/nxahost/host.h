@@ -20,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -50,8 +51,10 @@ private:
     void startModules();
     void asHostOnly(std::function<void()> const& step);
     void reportModules();
-    void reload();
+    std::string reload(bool allowDowngrade = false);
     void replaceModules();
+    void rollBack();
+    void announcePackageEvent(nlohmann::json event);
     void stopModules();
     void reactToSignals();
     void printRunLog();
@@ -76,11 +79,11 @@ private:
     HostOptions options_;
     pid_t const hostPid_;
     nxahost::HostSignals signals_;
+    nxahost::SteadyClock clock_;
     // Before the facade: the library installs from its folder.
     nxahost::SafeReload package_;
     NXAClient client_;
     VLPBusClient bus_;
-    nxahost::SteadyClock clock_;
     nxahost::RandomJitter jitter_;
     nxahost::FacadePrograms programs_;
     nxahost::ProgramSupervisor supervisor_;
@@ -99,7 +102,22 @@ private:
     Clock::time_point lastModuleBusCheck_;
     unsigned long refusedSeen_ = 0;
     Clock::time_point lastRefusalReport_;
+    // Why the package on probation is to be rolled back, once a supervisor
+    // call has said so; done after that call, in the turn.
+    std::string rollbackReason_;
 };
+
+// What the command line asks that cannot be done: the host refuses to start
+// with exit status 2, as for bad usage.
+class UnusableSetup : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The keys of the command line's folder, each file that is no key named once.
+// Throws UnusableSetup when the folder was named on the command line and
+// holds no usable key.
+nxahost::TrustedKeys loadTrustedKeys(HostOptions const& options);
 
 // Ends a forked copy of the host after an exception: writes "[ERROR] nxahost: "
 // and the text to the copy's standard output, and exits with status 1 at once.

@@ -34,6 +34,9 @@ void Host::turn() {
     if (supervisor_.reportingEnds() && supervisor_.reportDrainedEnds()) notifier_.status(statusText());
     auto const due = supervisor_.nextDue();
     if (due && *due <= clock_.now()) advanceRestarts();
+    if (!rollbackReason_.empty()) rollBack();
+    auto const probation = package_.probationEnd();
+    if (probation && *probation <= clock_.now()) package_.endProbationIfDue();
     notifier_.turned();
 }
 
@@ -67,7 +70,7 @@ int Host::waitTimeoutMs(Clock::time_point now) const {
     // An ended program is reported once its output is read, a second after its end at the latest.
     if (supervisor_.reportingEnds()) sooner(100);
     if (refusedConnections() != refusedSeen_) sooner(kReconnectEvery.count());
-    for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog()}) {
+    for (auto due : {supervisor_.nextDue(), notifier_.nextWatchdog(), package_.probationEnd()}) {
         if (due)
             sooner(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(*due - now).count()));
     }

@@ -24,6 +24,9 @@ int main(int argc, char* argv[]) {
         nxahost::raiseDescriptorLimit(std::min<std::size_t>(options.modules.size(), options.maxModules));
         host = std::make_unique<Host>(options);
         return host->run();
+    } catch (UnusableSetup const& e) {
+        std::cerr << "nxahost: " << e.what() << "\n";
+        return 2;
     } catch (std::exception const& e) {
         nxahost::hostLog(nxahost::kHostError, e.what());
     } catch (...) {

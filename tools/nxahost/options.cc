@@ -39,6 +39,14 @@ std::string usage() {
         "                      seconds (default 60)\n"
         "  --unpack-budget MIB most a module archive may unpack to; more is refused (default 256,\n"
         "                      and never more than half the free space of the disk)\n"
+        "  --trusted-keys DIR  install only packages signed by a minisign key of DIR (every *.pub in\n"
+        "                      it); without a key there, packages are not checked (default\n"
+        "                      /etc/nxahost/trusted-keys.d)\n"
+        "  --probation S       a new package's programs must not fail --probation-failures times\n"
+        "                      within S seconds, or the last good package comes back (default 60)\n"
+        "  --probation-failures N\n"
+        "                      failures of one module's program that roll a new package back\n"
+        "                      (default 3)\n"
         "  --web ADDRESS:PORT  serve the browser console on this IPv4 address and port, or\n"
         "                      off (default 127.0.0.1:20080); it has no authentication\n"
         "  --web-root DIR      the browser console's pages and scripts (default share/nxa/web\n"
@@ -66,6 +74,9 @@ enum Option {
     kUnpackBudget,
     kWeb,
     kWebRoot,
+    kTrustedKeys,
+    kProbation,
+    kProbationFailures,
     kHelp
 };
 
@@ -82,6 +93,9 @@ option const kOptions[] = {
     {"unpack-budget", required_argument, nullptr, kUnpackBudget},
     {"web", required_argument, nullptr, kWeb},
     {"web-root", required_argument, nullptr, kWebRoot},
+    {"trusted-keys", required_argument, nullptr, kTrustedKeys},
+    {"probation", required_argument, nullptr, kProbation},
+    {"probation-failures", required_argument, nullptr, kProbationFailures},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -203,6 +217,21 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
             break;
         case kWebRoot:
             options.webRoot = value;
+            break;
+        case kTrustedKeys:
+            options.trustedKeys = value;
+            options.trustedKeysGiven = true;
+            break;
+        case kProbation:
+            if (!parseNumber(value, 1, 86400, number))
+                return "--probation needs a number of seconds from 1 to 86400, not '" + std::string(value) +
+                       "'";
+            options.probationSeconds = static_cast<unsigned>(number);
+            break;
+        case kProbationFailures:
+            if (!parseNumber(value, 1, 1000, number))
+                return "--probation-failures needs a number from 1 to 1000, not '" + std::string(value) + "'";
+            options.probationFailures = static_cast<unsigned>(number);
             break;
         case kDebug:
             if (!parseNumber(value, 0, UINT_MAX, number))

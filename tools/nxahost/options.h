@@ -24,6 +24,14 @@ struct HostOptions {
     // turns it off. Its pages, scripts and style sheets are read from webRoot
     // (parseCommandLine fills in nxahost::installedWebRoot() unless told
     // otherwise).
+    // The folder of trusted minisign public keys; `trustedKeysGiven` when the
+    // command line named it (then it must hold a usable key).
+    std::string trustedKeys = "/etc/nxahost/trusted-keys.d";
+    bool trustedKeysGiven = false;
+    // How long a new package is on probation, and how many failures of one
+    // module's program within it roll it back.
+    unsigned probationSeconds = 60;
+    unsigned probationFailures = 3;
     std::string webAddress = "127.0.0.1";
     unsigned short webPort = 20080;
     std::string webRoot;

@@ -26,6 +26,12 @@ inline constexpr char kStatus[] = "status";
 inline constexpr char kClients[] = "clients";
 inline constexpr char kKick[] = "kick";
 inline constexpr char kRestart[] = "restart";
+inline constexpr char kReload[] = "reload";
+inline constexpr char kPackage[] = "package";
+
+// The kind of the host's package events to the bus server ("VLPBusServer"):
+// a JSON object with "event" ("rolled back"), "reason", "from" and "to".
+inline constexpr unsigned char kPackageEventKind = 66;
 
 // The keys of requests and answers.
 namespace key {
@@ -61,6 +67,10 @@ inline constexpr char kQueuedChunks[] = "queued_chunks";
 inline constexpr char kQueuedBytes[] = "queued_bytes";
 inline constexpr char kLostChunks[] = "lost_chunks";
 inline constexpr char kLostBytes[] = "lost_bytes";
+// reload: whether a module's version may go back this once.
+inline constexpr char kAllowDowngrade[] = "allow_downgrade";
+// package: what the host knows of its packages.
+inline constexpr char kPackage[] = "package";
 }  // namespace key
 
 // How deeply objects and arrays may nest in a request. Requests are flat; a

@@ -13,7 +13,8 @@
 
 namespace nxahost {
 
-// Answers status, clients, kick and restart requests. Anything else on the
+// Answers status, clients, kick and restart requests, and reload and package
+// requests when the host gives them (see Hooks). Anything else on the
 // request kind (not JSON, nested too deeply, no command, an unknown one, an
 // id that is no text or number) is ignored, with a DEBUG line at trace level
 // 1 and above; it never changes anything. Works inside the host's loop: it is
@@ -28,8 +29,21 @@ public:
     // runs; false, without calling `done`, for an unknown module.
     using Restart = std::function<bool(std::string const& module, ProgramSupervisor::RestartDone done)>;
 
+    // What the host does for the requests beyond the modules'.
+    struct Hooks {
+        Status status;
+        Restart restart;
+        // Reloads the package, letting a module's version go back when asked
+        // (allow_downgrade); returns what was wrong, empty once installed. Null:
+        // reload requests are no command of this host's.
+        std::function<std::string(bool allowDowngrade)> reload;
+        // What the host knows of its packages (see SafeReload::describe). Null:
+        // package requests are no command of this host's.
+        std::function<nlohmann::json()> package;
+    };
+
     // `client` must outlive the server.
-    ControlServer(NXAClient& client, Status status, Restart restart, Send send, unsigned debug = 0);
+    ControlServer(NXAClient& client, Hooks hooks, Send send, unsigned debug = 0);
 
     // Handles `msg` when it is a control request; returns whether it was one
     // (whether or not it was valid). A restart is answered once the new
@@ -43,13 +57,13 @@ public:
 private:
     nlohmann::json answer(nlohmann::json const& request);
     nlohmann::json kick(std::string const& module, std::string const& id);
+    nlohmann::json reload(nlohmann::json const& request);
     void restart(std::string const& module, std::string const& requester, nlohmann::json const& id);
     void reply(std::string const& to, nlohmann::json body, nlohmann::json const& id);
     void ignored(std::string const& sender, char const* why) const;
 
     NXAClient& client_;
-    Status status_;
-    Restart restart_;
+    Hooks hooks_;
     Send send_;
     unsigned debug_;
 };

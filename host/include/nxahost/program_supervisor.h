@@ -81,6 +81,11 @@ public:
     // Told how a requested restart went: an empty text once the new program
     // runs, otherwise why it could not be started.
     using RestartDone = std::function<void(std::string const& error)>;
+    // Told of every program that ended with a failure ("exit status 1",
+    // "signal 9"), once it is reported, and of every start that failed
+    // ("cannot start: ..."). Called from inside the supervisor's own calls: it
+    // must not reconfigure the modules there and then.
+    using FailureSeen = std::function<void(std::string const& module, std::string const& how)>;
 
     // What an operator is told about one module's program.
     struct Status {
@@ -97,6 +102,9 @@ public:
     // programs, clock and jitter must outlive the supervisor.
     ProgramSupervisor(ModulePrograms& programs, RestartPolicy policy, Clock const& clock, Jitter& jitter,
                       pid_t hostPid);
+
+    // Sets who is told of failures (see FailureSeen); nobody at first.
+    void onFailure(FailureSeen seen) { failureSeen_ = std::move(seen); }
 
     // Forgets every module: call after (re)starting all of them. Restarts
     // still waiting are answered: done for a module that runs again, "no
@@ -181,6 +189,7 @@ private:
     std::size_t ending_ = 0;     // programs whose old program is ending
     // Ended programs not yet reported, with when their end was seen.
     std::map<std::string, time_point> unreported_;
+    FailureSeen failureSeen_;
 };
 
 }  // namespace nxahost

@@ -17,12 +17,8 @@ std::string textOf(json const& request, char const* name) {
 
 }  // namespace
 
-ControlServer::ControlServer(NXAClient& client, Status status, Restart restart, Send send, unsigned debug)
-    : client_(client),
-      status_(std::move(status)),
-      restart_(std::move(restart)),
-      send_(std::move(send)),
-      debug_(debug) {}
+ControlServer::ControlServer(NXAClient& client, Hooks hooks, Send send, unsigned debug)
+    : client_(client), hooks_(std::move(hooks)), send_(std::move(send)), debug_(debug) {}
 
 ControlServer::Send ControlServer::overBus(VLPBusClient& bus, std::string from) {
     return [&bus, from = std::move(from)](std::string const& to, std::string const& text) {
@@ -58,10 +54,19 @@ bool ControlServer::handle(RouterMessage const& msg) {
 // Null for a request that is no command of ours.
 json ControlServer::answer(json const& request) {
     std::string const command = request[key::kCommand];
-    if (command == control::kStatus) return status_();
+    if (command == control::kStatus) return hooks_.status();
     if (command == control::kClients) return clientsAnswer(client_, textOf(request, key::kModule));
     if (command == control::kKick) return kick(textOf(request, key::kModule), textOf(request, key::kClient));
+    if (command == control::kReload && hooks_.reload) return reload(request);
+    if (command == control::kPackage && hooks_.package)
+        return json{{key::kOk, true}, {key::kPackage, hooks_.package()}};
     return nullptr;
+}
+
+json ControlServer::reload(json const& request) {
+    auto const allow = request.find(key::kAllowDowngrade);
+    std::string const problem = hooks_.reload(allow != request.end() && *allow == true);
+    return problem.empty() ? json{{key::kOk, true}} : failureAnswer(problem);
 }
 
 json ControlServer::kick(std::string const& name, std::string const& id) {
@@ -74,7 +79,7 @@ json ControlServer::kick(std::string const& name, std::string const& id) {
 }
 
 void ControlServer::restart(std::string const& name, std::string const& requester, json const& id) {
-    bool const known = restart_(name, [this, requester, id](std::string const& error) {
+    bool const known = hooks_.restart(name, [this, requester, id](std::string const& error) {
         reply(requester, error.empty() ? json{{key::kOk, true}} : failureAnswer(error), id);
     });
     if (!known) reply(requester, failureAnswer("no module named " + name), id);

@@ -82,6 +82,8 @@ std::string copyOnce(std::string const& source, std::string const& part, unsigne
     struct stat after {};
     if (::fstat(in.fd, &after) != 0) return failure("cannot examine " + source, errno);
     if (!sameVersion(before, after) || static_cast<unsigned long long>(copied) != size) return kChanged;
+    // On disk before it is renamed into place: a power cut leaves it whole or not there.
+    if (::fsync(out.fd) != 0) return failure("cannot sync " + part, errno);
     return {};
 }
 

@@ -7,11 +7,14 @@ namespace nxahost {
 
 // Keeps, in the folder .nxahost of the package directory, the copies through
 // which the host installs the package: the package file is read once into a
-// copy of the host's (incoming), that copy is checked, moved to where the
-// library installs from (installDir()/nxa.zip), and, once its modules run,
-// kept as the package that runs (running), so that an installation that fails
-// can put the previous package back. Nobody else writes these files, so what
-// is installed is what was checked, whatever happens to the package file.
+// copy of the host's (incoming, with its signature file when there is one),
+// that copy is checked, moved to where the library installs from
+// (installDir()/nxa.zip), and, once its modules run, kept as the package that
+// runs (running); the one that passed its probation is kept as the last good
+// package. Nobody else writes these files, so what is installed is what was
+// checked, whatever happens to the package file. Each file is written whole
+// and synced before it is renamed into place, and the copies after the first
+// are second names of it, so a power cut leaves every name complete.
 class PackageStore {
 public:
     // `packageDir`: where the package file nxa.zip is delivered. Touches
@@ -22,21 +25,32 @@ public:
     // from (the package directory to give NXAClient).
     std::string const& delivered() const { return delivered_; }
     std::string const& installDir() const { return installDir_; }
-    // The copy taken by takeDelivered(), and a scratch folder for checking it.
+    // The copy taken by takeDelivered() and its signature's, and a scratch
+    // folder for checking it.
     std::string const& incoming() const { return incoming_; }
+    std::string incomingSignature() const { return incoming_ + ".minisig"; }
     std::string const& checkDir() const { return checkDir_; }
+    // The record of the packages (see PackageRecord).
+    std::string const& recordPath() const { return record_; }
 
     // Copies the delivered package to incoming() (see copyPackage; `limit`:
-    // the largest package taken), making the store's folders first. Returns
+    // the largest package taken), and its signature file (nxa.zip.minisig)
+    // beside it when there is one, making the store's folders first. Returns
     // what went wrong, or empty.
     std::string takeDelivered(unsigned long long limit) const;
-    // Moves incoming() to where the library installs from.
+    // Moves incoming() (and its signature) to where the library installs from.
     void stageIncoming() const;
     // Records the staged package as the one whose modules run.
     void keepStagedAsRunning() const;
     // Puts the package that ran back where the library installs from; false
     // when there is none (nothing has run yet).
     bool stageRunning() const;
+    // Records the running package as the last good one.
+    void keepRunningAsLastGood() const;
+    // Puts the last good package where the library installs from; false when
+    // there is none.
+    bool stageLastGood() const;
+    bool hasLastGood() const;
 
 private:
     std::string packageDir_;
@@ -46,7 +60,9 @@ private:
     std::string staged_;
     std::string incoming_;
     std::string running_;
+    std::string lastGood_;
     std::string checkDir_;
+    std::string record_;
 };
 
 }  // namespace nxahost

@@ -102,6 +102,7 @@ void ProgramSupervisor::report(std::string const& module, Program& program, Prog
             ") has ended: ", end.how, "; ", next);
     programs_.tell(module, "[" + logName() + "] program ended: " + end.how + "; " + next + "\n");
     programs_.announce(module, kStateStopped);
+    if (end.failed && failureSeen_) failureSeen_(module, end.how);
 }
 
 bool ProgramSupervisor::wantsRestart(bool failed) const {
@@ -176,6 +177,7 @@ void ProgramSupervisor::start(std::string const& module, Program& program) {
         std::string const error = "cannot start module program " + module + " again: " + e.what();
         hostLog(kHostError, error, "; next attempt in ", seconds(delay));
         answer(program, error);
+        if (failureSeen_) failureSeen_(module, std::string("cannot start: ") + e.what());
         return;
     }
     program.reported = false;
