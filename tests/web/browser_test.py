@@ -67,6 +67,10 @@ class Browser(unittest.TestCase):
         names = [row.get_attribute("data-module")
                  for row in self.driver.find_elements(By.CSS_SELECTOR, "#modules tbody tr")]
         self.assertEqual(names, ["clock", "echo", "greeter"])
+        package = lambda d: d.find_element(By.ID, "package").text
+        self.wait.until(lambda d: package(d) != "")
+        self.assertRegex(package(self.driver),
+                         r"^package \S+(, on probation for \d+ s)?, last good (none|\S+), signatures not checked$")
         self.screenshot("status-page.png")
 
     def test_a_terminal_shows_the_output_and_takes_typing_once_it_is_on(self):

@@ -104,12 +104,26 @@ function show(modules) {
   }
 }
 
+// One line on the package: what runs, whether it is on probation, the last
+// good one and whether packages are checked, as nxactl package shows them.
+function packageText(pkg) {
+  if (!pkg) return '';
+  const named = (info) => (info && info.version ? info.version : '-') +
+      (info && info.key_id ? ' (key ' + info.key_id + ')' : '');
+  const parts = ['package ' + (pkg.installed ? named(pkg.installed) : 'none')];
+  if (pkg.probation_until !== undefined) parts.push('on probation for ' + Math.ceil(pkg.probation_left) + ' s');
+  parts.push('last good ' + (pkg.last_good ? named(pkg.last_good) : 'none'));
+  parts.push(pkg.checked ? 'signatures checked' : 'signatures not checked');
+  return parts.join(', ');
+}
+
 async function refresh() {
   const updated = document.getElementById('updated');
   try {
     const response = await fetch('/status.json', {cache: 'no-store'});
     const status = await response.json();
     show(status.modules);
+    document.getElementById('package').textContent = packageText(status.package);
     updated.textContent = status.modules.length + ' modules, as of ' + new Date().toLocaleTimeString();
   } catch (e) {
     updated.textContent = 'the host does not answer (' + e + ')';
