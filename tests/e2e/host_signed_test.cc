@@ -253,6 +253,10 @@ TEST_F(HostSigned, APackageWhoseProgramKeepsFailingIsRolledBackToTheLastGoodOne)
     EXPECT_TRUE(sawRollback) << package;
     CtlRun const shown = runCtl({"package"});
     EXPECT_NE(shown.out.find("rolled back"), std::string::npos) << shown.out;
+    CtlRun const status = runCtl({"status"});
+    EXPECT_NE(status.out.find("\nrolled back "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(": module m1 ended 3 times within 8 s (exit status 1)\n"), std::string::npos)
+        << status.out;
 
     // The same file again: refused until another replaces it.
     host->signal(SIGHUP);

@@ -283,7 +283,12 @@ TEST(Nxactl, StatusShowsTheRunningModulesWithTheHostsChildrenClientsAndSubscribe
     ASSERT_EQ(table.status, 0) << table.err;
     EXPECT_EQ(table.err, "");
     std::vector<std::string> const lines = linesOf(table.out);
-    ASSERT_EQ(lines.size(), 3u) << table.out;
+    // The table, a blank line, then the package: unsigned here, never rolled back.
+    ASSERT_EQ(lines.size(), 5u) << table.out;
+    EXPECT_EQ(lines[3], "");
+    EXPECT_EQ(lines[4].rfind("package ", 0), 0u) << table.out;
+    EXPECT_NE(lines[4].find(" (sha256 "), std::string::npos) << table.out;
+    EXPECT_NE(lines[4].find(", last good "), std::string::npos) << table.out;
     EXPECT_EQ(wordsOf(lines[0]),
               (std::vector<std::string>{"MODULE", "PORT", "STATE", "PID", "UPTIME", "RESTARTS", "LAST", "END",
                                         "CLIENTS", "SUBSCRIBERS", "BYTES", "OUT", "CHUNKS", "LOST"}))

@@ -36,8 +36,11 @@ void printList(CtlOptions const& options, json const& list, Table const& table) 
 }
 
 int status(CtlOptions const& options) {
-    json const modules = listOf(askHost(options, {{key::kCommand, control::kStatus}}), key::kModules);
+    json const answer = askHost(options, {{key::kCommand, control::kStatus}});
+    json const modules = listOf(answer, key::kModules);
     printList(options, modules, statusTable(modules));
+    auto const package = answer.find(key::kPackage);
+    if (!options.json && package != answer.end() && package->is_object()) std::cout << "\n" << packageLines(*package);
     return 0;
 }
 

@@ -23,3 +23,7 @@ Table clientsTable(nlohmann::json const& clients);
 // package, then the latest installs and rollbacks as a table (TIME, EVENT,
 // VERSION, SHA256, DETAIL). Times are UTC.
 std::string packageView(nlohmann::json const& package);
+
+// The package in a line or two under the status table: the installed package,
+// its probation, the last good package, and the latest rollback if any.
+std::string packageLines(nlohmann::json const& package);
