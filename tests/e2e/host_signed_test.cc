@@ -19,6 +19,7 @@
 #include "sandbox.h"
 #include "sandbox_processes.h"
 #include "shell.h"
+#include "signed_packages.h"
 #include "tree_snapshot.h"
 
 namespace e2e {
@@ -38,7 +39,8 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(nxatest::inSandbox()) << "this test must run inside tests/sandbox/nxa-sandbox";
         ASSERT_EQ(nxatest::shell("mkdir -p " + keys() + " " + scratchDir() + "/src").status, 0);
-        ASSERT_EQ(run("minisign -G -W -p keys/a.pub -s a.key && minisign -G -W -p b.pub -s b.key").status, 0);
+        makeKeyPair("a", keys());
+        makeKeyPair("b");
     }
     void TearDown() override {
         if (host && host->running()) {
@@ -55,26 +57,10 @@ protected:
     }
     // The package <scratch>/<name>.zip of module m1 at `version`, its program `body`.
     static std::string pack(std::string const& name, std::string const& version, std::string const& body) {
-        std::string const folder = writeModule(scratchDir() + "/src/" + name, "m1", "noarch", body);
-        nxatest::writeFile(folder + "/Manifest",
-                           "name\t=\tm1\nversion\t=\t" + version + "\narchitecture\t=\tnoarch\n");
-        std::string const file = scratchDir() + "/" + name + ".zip";
-        nxatest::ShellResult const packed = runPack(file, {folder});
-        EXPECT_EQ(packed.status, 0) << packed.output;
-        return file;
+        return packVersion(name, version, {{"m1", body}});
     }
-    // Signs the package with minisign and the key <scratch>/<key>.key.
     static void sign(std::string const& package, std::string const& key = "a") {
-        ASSERT_EQ(run("minisign -S -s " + key + ".key -m " + package).status, 0);
-    }
-    // Puts the package, and its signature when it has one, where the host looks.
-    static void deliver(std::string const& package) {
-        std::string const signature = std::string(kPackage) + ".minisig";
-        ASSERT_EQ(
-            nxatest::shell("cp " + package + " " + kPackage + " && rm -f " + signature + " && { ! test -e " +
-                           package + ".minisig || cp " + package + ".minisig " + signature + "; }")
-                .status,
-            0);
+        signWithMinisign(package, key);
     }
     void start(std::vector<std::string> extra = {}) {
         std::vector<std::string> args = {"--trusted-keys", keys(), "--probation", "8"};

@@ -1,6 +1,7 @@
 #include "sandbox_processes.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -62,7 +63,9 @@ std::vector<ProcessInfo> sandboxProcesses() {
     return all;
 }
 
-std::string strayProcesses() {
+namespace {
+
+std::vector<ProcessInfo> strays() {
     std::vector<ProcessInfo> const all = sandboxProcesses();
     std::set<pid_t> expected{brokerPid()};
     // This test and its ancestors (the sandbox's own shell among them).
@@ -74,11 +77,25 @@ std::string strayProcesses() {
         }
         p = parent;
     }
-    std::string stray;
+    std::vector<ProcessInfo> found;
     for (ProcessInfo const& info : all) {
-        if (!expected.count(info.pid)) stray += info.text() + "\n";
+        if (!expected.count(info.pid)) found.push_back(info);
     }
+    return found;
+}
+
+}  // namespace
+
+std::string strayProcesses() {
+    std::string stray;
+    for (ProcessInfo const& info : strays()) stray += info.text() + "\n";
     return stray;
+}
+
+void killStrayProcesses() {
+    for (ProcessInfo const& info : strays()) {
+        if (info.state != 'Z') ::kill(info.pid, SIGKILL);
+    }
 }
 
 int liveProcessesRunning(std::string const& exe) {

@@ -26,6 +26,10 @@ std::vector<ProcessInfo> sandboxProcesses();
 // included. Each as ProcessInfo::text(), one per line; empty when none.
 std::string strayProcesses();
 
+// Kills every stray process with SIGKILL, as a service manager does with
+// what is left of a service whose main process died.
+void killStrayProcesses();
+
 // How many live (not zombie) processes run the program `exe`.
 int liveProcessesRunning(std::string const& exe);
 

@@ -23,6 +23,8 @@ namespace {
 
 constexpr char kPackageDir[] = "/var/opt/velmora";
 constexpr char kDelivered[] = "/var/opt/velmora/nxa.zip";
+// Where the good copies are kept, named by their hash.
+constexpr char kGood[] = "/var/opt/velmora/.nxahost/good/";
 
 // A package holding the modules `names`, each printing `text`, as bytes;
 // each Manifest names `version`.
@@ -162,8 +164,25 @@ TEST_F(SafeReload, APackageOnProbationBecomesTheLastGoodOneWhenItsTimeIsOver) {
     EXPECT_FALSE(reload.probationEnd());
     ASSERT_TRUE(reload.record().lastGood);
     EXPECT_EQ(reload.record().lastGood->sha256, reload.record().installed->sha256);
-    EXPECT_EQ(nxatest::readFile("/var/opt/velmora/.nxahost/last-good.zip"), first);
+    EXPECT_EQ(nxatest::readFile(kGood + reload.record().lastGood->sha256 + ".zip"), first);
     EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "") << "no probation, no rollback";
+}
+
+// A power cut between the good copy and the record that names it leaves a copy
+// of no record's: the next host removes it and keeps the one its record names.
+TEST_F(SafeReload, OnlyTheGoodCopyTheRecordNamesIsKept) {
+    std::string const first = makePackage({"m1", "m2"}, "first");
+    nxatest::writeFile(kDelivered, first);
+    reload.takeForStart();
+    reload.started();
+    clock.advance(std::chrono::seconds(60));
+    ASSERT_TRUE(reload.endProbationIfDue());
+    std::string const good = kGood + reload.record().lastGood->sha256 + ".zip";
+    std::string const orphan = std::string(kGood) + std::string(64, 'a') + ".zip";
+    nxatest::writeFile(orphan, "half a package");
+    nxahost::SafeReload next{setup(), clock};
+    EXPECT_FALSE(exists(orphan));
+    EXPECT_EQ(nxatest::readFile(good), first);
 }
 
 TEST_F(SafeReload, FailuresWithinTheProbationRollBackToTheLastGoodPackageForGood) {

@@ -40,7 +40,8 @@ int status(CtlOptions const& options) {
     json const modules = listOf(answer, key::kModules);
     printList(options, modules, statusTable(modules));
     auto const package = answer.find(key::kPackage);
-    if (!options.json && package != answer.end() && package->is_object()) std::cout << "\n" << packageLines(*package);
+    if (!options.json && package != answer.end() && package->is_object())
+        std::cout << "\n" << packageLines(*package);
     return 0;
 }
 

@@ -154,13 +154,14 @@ std::string packageView(json const& package) {
 
 std::string packageLines(json const& package) {
     auto const installed = package.find("installed");
-    std::string text = "package " + (installed != package.end() && installed->is_object()
-                                         ? describePackage(*installed)
-                                         : std::string("none"));
+    std::string text =
+        "package " + (installed != package.end() && installed->is_object() ? describePackage(*installed)
+                                                                           : std::string("none"));
     if (package.contains("probation_until"))
         text += ", on probation for " + formatDuration(number(package, "probation_left"));
     auto const good = package.find("last_good");
-    text += ", last good " + (good != package.end() && good->is_object() ? describePackage(*good) : "none") + "\n";
+    text += ", last good " + (good != package.end() && good->is_object() ? describePackage(*good) : "none") +
+            "\n";
     json const history = package.value("history", json::array());
     for (auto event = history.rbegin(); event != history.rend(); ++event) {
         if (event->value("event", std::string()) != "rolled back") continue;

@@ -1,5 +1,6 @@
 #include "package_store.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <nxahost/minisign.h>
 #include <nxahost/package_copy.h>
@@ -81,7 +82,7 @@ PackageStore::PackageStore(std::string const& packageDir)
       staged_(installDir_ + "/nxa.zip"),
       incoming_(stateDir_ + "/incoming.zip"),
       running_(stateDir_ + "/running.zip"),
-      lastGood_(stateDir_ + "/last-good.zip"),
+      goodDir_(stateDir_ + "/good"),
       checkDir_(stateDir_ + "/check"),
       record_(stateDir_ + "/package.json") {}
 
@@ -117,20 +118,38 @@ bool PackageStore::stageRunning() const {
     return true;
 }
 
-void PackageStore::keepRunningAsLastGood() const {
-    linkOver(running_ + kSignature, lastGood_ + kSignature);
-    linkOver(running_, lastGood_);
+std::string PackageStore::goodCopy(std::string const& sha256) const {
+    return goodDir_ + "/" + sha256 + ".zip";
 }
 
-bool PackageStore::stageLastGood() const {
-    if (!hasLastGood()) return false;
-    linkOver(lastGood_ + kSignature, staged_ + kSignature);
-    linkOver(lastGood_, staged_);
+void PackageStore::keepRunningAsGood(std::string const& sha256) const {
+    if (mkdirPath(goodDir_, 0755) != 0) throw IOException(errno, "cannot create " + goodDir_);
+    linkOver(running_ + kSignature, goodCopy(sha256) + kSignature);
+    linkOver(running_, goodCopy(sha256));
+}
+
+bool PackageStore::stageGood(std::string const& sha256) const {
+    if (!hasGood(sha256)) return false;
+    linkOver(goodCopy(sha256) + kSignature, staged_ + kSignature);
+    linkOver(goodCopy(sha256), staged_);
     return true;
 }
 
-bool PackageStore::hasLastGood() const {
-    return ::access(lastGood_.c_str(), F_OK) == 0;
+bool PackageStore::hasGood(std::string const& sha256) const {
+    return !sha256.empty() && ::access(goodCopy(sha256).c_str(), F_OK) == 0;
+}
+
+void PackageStore::dropGoodExcept(std::string const& sha256) const {
+    DIR* dir = ::opendir(goodDir_.c_str());
+    if (dir == nullptr) return;
+    std::string const keep = sha256.empty() ? std::string("/") : sha256 + ".zip";
+    while (dirent const* entry = ::readdir(dir)) {
+        std::string const name = entry->d_name;
+        if (name == "." || name == ".." || name == keep || name == keep + kSignature) continue;
+        ::unlinkat(::dirfd(dir), name.c_str(), 0);
+    }
+    ::closedir(dir);
+    syncFolder(goodDir_);
 }
 
 }  // namespace nxahost

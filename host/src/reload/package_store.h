@@ -10,8 +10,10 @@ namespace nxahost {
 // copy of the host's (incoming, with its signature file when there is one),
 // that copy is checked, moved to where the library installs from
 // (installDir()/nxa.zip), and, once its modules run, kept as the package that
-// runs (running); the one that passed its probation is kept as the last good
-// package. Nobody else writes these files, so what is installed is what was
+// runs (running); the one that passed its probation is kept as a good copy
+// named by its hash (good/<sha256>.zip), written before the record names it
+// and the older ones removed after, so that whatever the record names as the
+// last good package is there. Nobody else writes these files, so what is installed is what was
 // checked, whatever happens to the package file. Each file is written whole
 // and synced before it is renamed into place, and the copies after the first
 // are second names of it, so a power cut leaves every name complete.
@@ -45,12 +47,15 @@ public:
     // Puts the package that ran back where the library installs from; false
     // when there is none (nothing has run yet).
     bool stageRunning() const;
-    // Records the running package as the last good one.
-    void keepRunningAsLastGood() const;
-    // Puts the last good package where the library installs from; false when
-    // there is none.
-    bool stageLastGood() const;
-    bool hasLastGood() const;
+    // Keeps the running package (and its signature) as the good copy of the
+    // package whose hash is `sha256`.
+    void keepRunningAsGood(std::string const& sha256) const;
+    // Puts the good copy of `sha256` where the library installs from; false
+    // when there is none.
+    bool stageGood(std::string const& sha256) const;
+    bool hasGood(std::string const& sha256) const;
+    // Removes every good copy but that of `sha256` (all of them when empty).
+    void dropGoodExcept(std::string const& sha256) const;
 
 private:
     std::string packageDir_;
@@ -60,9 +65,11 @@ private:
     std::string staged_;
     std::string incoming_;
     std::string running_;
-    std::string lastGood_;
+    std::string goodDir_;
     std::string checkDir_;
     std::string record_;
+
+    std::string goodCopy(std::string const& sha256) const;
 };
 
 }  // namespace nxahost

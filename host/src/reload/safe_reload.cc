@@ -40,6 +40,8 @@ SafeReload::SafeReload(Setup setup, Clock const& clock)
     std::string problem;
     record_ = PackageRecord::load(store_->recordPath(), problem);
     if (!problem.empty()) hostLog(kHostWarning, problem);
+    // Copies a power cut left behind, named by no record.
+    store_->dropGoodExcept(record_.lastGood ? record_.lastGood->sha256 : "");
 }
 
 SafeReload::~SafeReload() = default;
@@ -65,7 +67,7 @@ void SafeReload::takeForStart() {
         taken_ = info;
         return;
     }
-    if (!record_.lastGood || !store_->stageLastGood()) throw std::runtime_error(problem);
+    if (!record_.lastGood || !store_->stageGood(record_.lastGood->sha256)) throw std::runtime_error(problem);
     hostLog(kHostError, "the package ", delivered(), " is refused: ", problem,
             "; starting the last good package ", named(*record_.lastGood), " instead");
     taken_ = *record_.lastGood;
@@ -183,8 +185,9 @@ bool SafeReload::endProbationIfDue() {
     if (!probationEnd_ || clock_.now() < *probationEnd_ || !record_.installed) return false;
     probationEnd_.reset();
     record_.probationUntil.reset();
-    store_->keepRunningAsLastGood();
     PackageInfo const& good = *record_.installed;
+    // The copy first, then the record that names it, then the older copy.
+    store_->keepRunningAsGood(good.sha256);
     record_.lastGood = good;
     if (checksSignatures()) {
         for (auto const& [module, version] : good.moduleVersions) {
@@ -195,6 +198,7 @@ bool SafeReload::endProbationIfDue() {
     }
     record_.note({wallSeconds(), "passed probation", good.version, good.sha256, {}});
     save();
+    store_->dropGoodExcept(good.sha256);
     hostLog(kHostInfo, "package ", named(good), " passed its probation: it is the last good package now");
     return true;
 }
@@ -210,7 +214,7 @@ std::string SafeReload::programFailed(std::string const& module, std::string con
 bool SafeReload::rollBack(std::string const& reason, std::function<void()> const& replace) {
     probationEnd_.reset();
     record_.probationUntil.reset();
-    if (!record_.lastGood || !record_.installed || !store_->stageLastGood()) {
+    if (!record_.lastGood || !record_.installed || !store_->stageGood(record_.lastGood->sha256)) {
         hostLog(kHostError, "the package on probation fails: ", reason,
                 "; there is no last good package to go back to");
         save();
