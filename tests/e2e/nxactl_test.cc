@@ -287,7 +287,7 @@ TEST(Nxactl, StatusShowsTheRunningModulesWithTheHostsChildrenClientsAndSubscribe
     ASSERT_EQ(lines.size(), 5u) << table.out;
     EXPECT_EQ(lines[3], "");
     EXPECT_EQ(lines[4].rfind("package ", 0), 0u) << table.out;
-    EXPECT_NE(lines[4].find(" (sha256 "), std::string::npos) << table.out;
+    EXPECT_NE(lines[4].find(" (blake2b "), std::string::npos) << table.out;
     EXPECT_NE(lines[4].find(", last good "), std::string::npos) << table.out;
     EXPECT_EQ(wordsOf(lines[0]),
               (std::vector<std::string>{"MODULE", "PORT", "STATE", "PID", "UPTIME", "RESTARTS", "LAST", "END",

@@ -163,8 +163,8 @@ TEST_F(SafeReload, APackageOnProbationBecomesTheLastGoodOneWhenItsTimeIsOver) {
     EXPECT_TRUE(reload.endProbationIfDue());
     EXPECT_FALSE(reload.probationEnd());
     ASSERT_TRUE(reload.record().lastGood);
-    EXPECT_EQ(reload.record().lastGood->sha256, reload.record().installed->sha256);
-    EXPECT_EQ(nxatest::readFile(kGood + reload.record().lastGood->sha256 + ".zip"), first);
+    EXPECT_EQ(reload.record().lastGood->hash, reload.record().installed->hash);
+    EXPECT_EQ(nxatest::readFile(kGood + reload.record().lastGood->hash + ".zip"), first);
     EXPECT_EQ(reload.programFailed("m1", "exit status 1"), "") << "no probation, no rollback";
 }
 
@@ -177,7 +177,7 @@ TEST_F(SafeReload, OnlyTheGoodCopyTheRecordNamesIsKept) {
     reload.started();
     clock.advance(std::chrono::seconds(60));
     ASSERT_TRUE(reload.endProbationIfDue());
-    std::string const good = kGood + reload.record().lastGood->sha256 + ".zip";
+    std::string const good = kGood + reload.record().lastGood->hash + ".zip";
     std::string const orphan = std::string(kGood) + std::string(64, 'a') + ".zip";
     nxatest::writeFile(orphan, "half a package");
     nxahost::SafeReload next{setup(), clock};
@@ -212,7 +212,7 @@ TEST_F(SafeReload, FailuresWithinTheProbationRollBackToTheLastGoodPackageForGood
         std::string::npos)
         << quiet.text();
     // The same file again: refused, until another one replaces it.
-    EXPECT_EQ(reload.takeForReload().rfind("this package (sha256 ", 0), 0u);
+    EXPECT_EQ(reload.takeForReload().rfind("this package (blake2b ", 0), 0u);
     nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "third", "2.1"));
     EXPECT_EQ(reload.takeForReload(), "");
 }

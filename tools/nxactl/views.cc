@@ -103,14 +103,14 @@ std::string utc(long long seconds) {
 }
 
 std::string shortHash(json const& info) {
-    std::string const sha = info.value("sha256", std::string());
+    std::string const sha = info.value("blake2b", std::string());
     return sha.size() > 12 ? sha.substr(0, 12) : sha;
 }
 
-// "2.0 (sha256 1a2b3c4d5e6f, key 3DABB00A2A0636CC)".
+// "2.0 (blake2b 1a2b3c4d5e6f, key 3DABB00A2A0636CC)".
 std::string describePackage(json const& info) {
     std::string const version = info.value("version", std::string());
-    std::string text = (version.empty() ? "-" : version) + " (sha256 " + shortHash(info);
+    std::string text = (version.empty() ? "-" : version) + " (blake2b " + shortHash(info);
     std::string const key = info.value("key_id", std::string());
     return text + (key.empty() ? ")" : ", key " + key + ")");
 }
@@ -142,7 +142,7 @@ std::string packageView(json const& package) {
     Table history({{"TIME", Align::left},
                    {"EVENT", Align::left},
                    {"VERSION", Align::left},
-                   {"SHA256", Align::left},
+                   {"BLAKE2B", Align::left},
                    {"DETAIL", Align::left}});
     for (json const& event : package.value("history", json::array())) {
         history.addRow({utc(event.value("time", 0LL)), cell(event, "event"), cell(event, "version"),

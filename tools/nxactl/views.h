@@ -21,7 +21,7 @@ Table clientsTable(nlohmann::json const& clients);
 // The host's "package" answer as lines: the installed package (version, hash,
 // signer and trusted comment, since when), its probation, the last good
 // package, then the latest installs and rollbacks as a table (TIME, EVENT,
-// VERSION, SHA256, DETAIL). Times are UTC.
+// VERSION, BLAKE2B, DETAIL). Times are UTC.
 std::string packageView(nlohmann::json const& package);
 
 // The package in a line or two under the status table: the installed package,

@@ -77,8 +77,8 @@ std::string verify(Signature const& signature, PublicKey const& key, std::string
 // `hash`, with `trustedComment` (one line) signed too.
 std::string sign(SecretKey const& key, FileHash const& hash, std::string const& trustedComment);
 
-// The SHA-256 of the file `path` in lower-case hex, read in blocks (the file
-// hash operators compare). Throws std::runtime_error when it cannot be read.
-std::string sha256OfFile(std::string const& path);
+// A file's hash in lower-case hex, as b2sum prints it: the name by which
+// operators and the host tell packages apart.
+std::string hashText(FileHash const& hash);
 
 }  // namespace nxahost::minisign

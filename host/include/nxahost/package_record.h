@@ -15,7 +15,8 @@ struct PackageInfo {
     // The package's version: the trusted comment's "version:", or else the
     // newest version a module's Manifest names; empty when neither says one.
     std::string version;
-    std::string sha256;
+    // Its file's BLAKE2b-512 hash in hex, as b2sum prints it.
+    std::string hash;
     // Who signed it and what the signature says; empty when packages are not checked.
     std::string keyId;
     std::string trustedComment;
@@ -30,7 +31,7 @@ struct PackageEvent {
     long long time = 0;  // seconds since the epoch
     std::string event;   // "installed", "passed probation", "rolled back", "fell back"
     std::string version;
-    std::string sha256;
+    std::string hash;
     std::string detail;  // why, in words; may be empty
 };
 
@@ -61,7 +62,7 @@ public:
     std::optional<PackageInfo> lastGood;
     // Per module, the newest version that passed probation from a checked package.
     std::map<std::string, std::string> versions;
-    // Packages rolled back (their SHA-256): not installed again by a plain reload.
+    // Packages rolled back (their hashes): not installed again by a plain reload.
     std::set<std::string> rolledBack;
     std::deque<PackageEvent> history;
 };

@@ -114,7 +114,7 @@ public:
 
 private:
     std::string take(bool allowDowngrade, PackageInfo& info);
-    std::string signatureProblem(PackageInfo& info);
+    std::string signatureProblem(PackageInfo& info, minisign::FileHash const& hash);
     std::string versionProblem(PackageInfo const& info, bool allowDowngrade) const;
     void installed(PackageInfo info, std::string const& event);
     void beginProbation();

@@ -45,6 +45,10 @@ struct PackageSigner {
 // empty text when it holds, `signer` then filled in. Never throws.
 std::string verifyPackage(std::string const& package, std::string const& signatureFile,
                           TrustedKeys const& keys, PackageSigner& signer);
+// The same for a package whose hash (minisign::hashFile) is already known:
+// the package is not read again.
+std::string verifyPackage(std::string const& package, minisign::FileHash const& hash,
+                          std::string const& signatureFile, TrustedKeys const& keys, PackageSigner& signer);
 
 // The value of `name` in a trusted comment of "name:value" words separated
 // by tabs or blanks ("version:2.0 timestamp:1700000000"); empty when absent.

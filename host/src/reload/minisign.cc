@@ -235,20 +235,9 @@ std::string sign(SecretKey const& key, FileHash const& hash, std::string const& 
            toBase64(blob) + "\n" + kTrusted + trustedComment + "\n" + toBase64(global) + "\n";
 }
 
-std::string sha256OfFile(std::string const& path) {
-    requireSodium();
-    std::ifstream in(path, std::ios::binary);
-    if (!in) refuse("cannot read " + path);
-    crypto_hash_sha256_state state;
-    crypto_hash_sha256_init(&state);
-    std::vector<char> block(1 << 20);
-    while (in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0)
-        crypto_hash_sha256_update(&state, reinterpret_cast<unsigned char const*>(block.data()),
-                                  static_cast<unsigned long long>(in.gcount()));
-    std::array<std::uint8_t, crypto_hash_sha256_BYTES> digest{};
-    crypto_hash_sha256_final(&state, digest.data());
-    char hex[2 * crypto_hash_sha256_BYTES + 1];
-    sodium_bin2hex(hex, sizeof hex, digest.data(), digest.size());
+std::string hashText(FileHash const& hash) {
+    char hex[2 * std::tuple_size<FileHash>::value + 1];
+    sodium_bin2hex(hex, sizeof hex, hash.data(), hash.size());
     return hex;
 }
 

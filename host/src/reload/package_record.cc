@@ -25,7 +25,7 @@ long long number(json const& object, char const* key) {
 PackageInfo infoFrom(json const& object) {
     PackageInfo info;
     info.version = text(object, "version");
-    info.sha256 = text(object, "sha256");
+    info.hash = text(object, "blake2b");
     info.keyId = text(object, "key_id");
     info.trustedComment = text(object, "trusted_comment");
     info.installedAt = number(object, "installed_at");
@@ -40,7 +40,7 @@ PackageInfo infoFrom(json const& object) {
 
 PackageEvent eventFrom(json const& object) {
     return PackageEvent{number(object, "time"), text(object, "event"), text(object, "version"),
-                        text(object, "sha256"), text(object, "detail")};
+                        text(object, "blake2b"), text(object, "detail")};
 }
 
 // Writes all of `text` to the new file `path` and syncs it.
@@ -79,7 +79,7 @@ void syncFolderOf(std::string const& path) {
 
 json toJson(PackageInfo const& info) {
     return json{{"version", info.version},
-                {"sha256", info.sha256},
+                {"blake2b", info.hash},
                 {"key_id", info.keyId},
                 {"trusted_comment", info.trustedComment},
                 {"module_versions", info.moduleVersions},
@@ -90,7 +90,7 @@ json toJson(PackageEvent const& event) {
     return json{{"time", event.time},
                 {"event", event.event},
                 {"version", event.version},
-                {"sha256", event.sha256},
+                {"blake2b", event.hash},
                 {"detail", event.detail}};
 }
 

@@ -118,31 +118,31 @@ bool PackageStore::stageRunning() const {
     return true;
 }
 
-std::string PackageStore::goodCopy(std::string const& sha256) const {
-    return goodDir_ + "/" + sha256 + ".zip";
+std::string PackageStore::goodCopy(std::string const& hash) const {
+    return goodDir_ + "/" + hash + ".zip";
 }
 
-void PackageStore::keepRunningAsGood(std::string const& sha256) const {
+void PackageStore::keepRunningAsGood(std::string const& hash) const {
     if (mkdirPath(goodDir_, 0755) != 0) throw IOException(errno, "cannot create " + goodDir_);
-    linkOver(running_ + kSignature, goodCopy(sha256) + kSignature);
-    linkOver(running_, goodCopy(sha256));
+    linkOver(running_ + kSignature, goodCopy(hash) + kSignature);
+    linkOver(running_, goodCopy(hash));
 }
 
-bool PackageStore::stageGood(std::string const& sha256) const {
-    if (!hasGood(sha256)) return false;
-    linkOver(goodCopy(sha256) + kSignature, staged_ + kSignature);
-    linkOver(goodCopy(sha256), staged_);
+bool PackageStore::stageGood(std::string const& hash) const {
+    if (!hasGood(hash)) return false;
+    linkOver(goodCopy(hash) + kSignature, staged_ + kSignature);
+    linkOver(goodCopy(hash), staged_);
     return true;
 }
 
-bool PackageStore::hasGood(std::string const& sha256) const {
-    return !sha256.empty() && ::access(goodCopy(sha256).c_str(), F_OK) == 0;
+bool PackageStore::hasGood(std::string const& hash) const {
+    return !hash.empty() && ::access(goodCopy(hash).c_str(), F_OK) == 0;
 }
 
-void PackageStore::dropGoodExcept(std::string const& sha256) const {
+void PackageStore::dropGoodExcept(std::string const& hash) const {
     DIR* dir = ::opendir(goodDir_.c_str());
     if (dir == nullptr) return;
-    std::string const keep = sha256.empty() ? std::string("/") : sha256 + ".zip";
+    std::string const keep = hash.empty() ? std::string("/") : hash + ".zip";
     while (dirent const* entry = ::readdir(dir)) {
         std::string const name = entry->d_name;
         if (name == "." || name == ".." || name == keep || name == keep + kSignature) continue;

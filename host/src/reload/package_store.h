@@ -11,7 +11,7 @@ namespace nxahost {
 // that copy is checked, moved to where the library installs from
 // (installDir()/nxa.zip), and, once its modules run, kept as the package that
 // runs (running); the one that passed its probation is kept as a good copy
-// named by its hash (good/<sha256>.zip), written before the record names it
+// named by its hash (good/<hash>.zip), written before the record names it
 // and the older ones removed after, so that whatever the record names as the
 // last good package is there. Nobody else writes these files, so what is installed is what was
 // checked, whatever happens to the package file. Each file is written whole
@@ -48,14 +48,14 @@ public:
     // when there is none (nothing has run yet).
     bool stageRunning() const;
     // Keeps the running package (and its signature) as the good copy of the
-    // package whose hash is `sha256`.
-    void keepRunningAsGood(std::string const& sha256) const;
-    // Puts the good copy of `sha256` where the library installs from; false
+    // package whose hash is `hash`.
+    void keepRunningAsGood(std::string const& hash) const;
+    // Puts the good copy of `hash` where the library installs from; false
     // when there is none.
-    bool stageGood(std::string const& sha256) const;
-    bool hasGood(std::string const& sha256) const;
-    // Removes every good copy but that of `sha256` (all of them when empty).
-    void dropGoodExcept(std::string const& sha256) const;
+    bool stageGood(std::string const& hash) const;
+    bool hasGood(std::string const& hash) const;
+    // Removes every good copy but that of `hash` (all of them when empty).
+    void dropGoodExcept(std::string const& hash) const;
 
 private:
     std::string packageDir_;
@@ -69,7 +69,7 @@ private:
     std::string checkDir_;
     std::string record_;
 
-    std::string goodCopy(std::string const& sha256) const;
+    std::string goodCopy(std::string const& hash) const;
 };
 
 }  // namespace nxahost

@@ -41,7 +41,7 @@ SafeReload::SafeReload(Setup setup, Clock const& clock)
     record_ = PackageRecord::load(store_->recordPath(), problem);
     if (!problem.empty()) hostLog(kHostWarning, problem);
     // Copies a power cut left behind, named by no record.
-    store_->dropGoodExcept(record_.lastGood ? record_.lastGood->sha256 : "");
+    store_->dropGoodExcept(record_.lastGood ? record_.lastGood->hash : "");
 }
 
 SafeReload::~SafeReload() = default;
@@ -67,11 +67,11 @@ void SafeReload::takeForStart() {
         taken_ = info;
         return;
     }
-    if (!record_.lastGood || !store_->stageGood(record_.lastGood->sha256)) throw std::runtime_error(problem);
+    if (!record_.lastGood || !store_->stageGood(record_.lastGood->hash)) throw std::runtime_error(problem);
     hostLog(kHostError, "the package ", delivered(), " is refused: ", problem,
             "; starting the last good package ", named(*record_.lastGood), " instead");
     taken_ = *record_.lastGood;
-    record_.note({wallSeconds(), "fell back", record_.lastGood->version, record_.lastGood->sha256, problem});
+    record_.note({wallSeconds(), "fell back", record_.lastGood->version, record_.lastGood->hash, problem});
 }
 
 void SafeReload::started() {
@@ -95,11 +95,13 @@ std::string SafeReload::takeForReload(bool allowDowngrade) {
 std::string SafeReload::take(bool allowDowngrade, PackageInfo& info) {
     std::string problem = store_->takeDelivered(largestPackage());
     if (!problem.empty()) return problem;
-    problem = signatureProblem(info);
+    // One pass over the package: its hash names it and is what its signature signs.
+    minisign::FileHash const hash = minisign::hashFile(store_->incoming());
+    info.hash = minisign::hashText(hash);
+    problem = signatureProblem(info, hash);
     if (!problem.empty()) return problem;
-    info.sha256 = minisign::sha256OfFile(store_->incoming());
-    if (record_.rolledBack.count(info.sha256) != 0)
-        return "this package (sha256 " + info.sha256.substr(0, 12) +
+    if (record_.rolledBack.count(info.hash) != 0)
+        return "this package (blake2b " + info.hash.substr(0, 12) +
                ") was rolled back; it is taken again only once another file replaces it";
     PackageCheck const check =
         checkPackage(store_->incoming(), setup_.modules, store_->checkDir(), delivered());
@@ -109,7 +111,7 @@ std::string SafeReload::take(bool allowDowngrade, PackageInfo& info) {
     return versionProblem(info, allowDowngrade);
 }
 
-std::string SafeReload::signatureProblem(PackageInfo& info) {
+std::string SafeReload::signatureProblem(PackageInfo& info, minisign::FileHash const& hash) {
     if (!setup_.keysDir.empty()) {
         setup_.keys = TrustedKeys::load(setup_.keysDir);
         checking_ = checking_ || !setup_.keys.empty();
@@ -118,7 +120,7 @@ std::string SafeReload::signatureProblem(PackageInfo& info) {
     if (setup_.keys.empty()) return "no usable trusted key is left in " + setup_.keysDir;
     PackageSigner signer;
     std::string const problem =
-        verifyPackage(store_->incoming(), store_->incomingSignature(), setup_.keys, signer);
+        verifyPackage(store_->incoming(), hash, store_->incomingSignature(), setup_.keys, signer);
     if (!problem.empty()) return problem;
     info.keyId = signer.keyId;
     info.trustedComment = signer.trustedComment;
@@ -160,8 +162,8 @@ void SafeReload::install(std::function<void()> const& replace) {
 void SafeReload::installed(PackageInfo info, std::string const& event) {
     info.installedAt = wallSeconds();
     record_.installed = info;
-    record_.note({info.installedAt, event, info.version, info.sha256, {}});
-    bool const good = record_.lastGood && record_.lastGood->sha256 == info.sha256;
+    record_.note({info.installedAt, event, info.version, info.hash, {}});
+    bool const good = record_.lastGood && record_.lastGood->hash == info.hash;
     if (good) {
         record_.probationUntil.reset();
         probationEnd_.reset();
@@ -187,7 +189,7 @@ bool SafeReload::endProbationIfDue() {
     record_.probationUntil.reset();
     PackageInfo const& good = *record_.installed;
     // The copy first, then the record that names it, then the older copy.
-    store_->keepRunningAsGood(good.sha256);
+    store_->keepRunningAsGood(good.hash);
     record_.lastGood = good;
     if (checksSignatures()) {
         for (auto const& [module, version] : good.moduleVersions) {
@@ -196,9 +198,9 @@ bool SafeReload::endProbationIfDue() {
                 floor = version;
         }
     }
-    record_.note({wallSeconds(), "passed probation", good.version, good.sha256, {}});
+    record_.note({wallSeconds(), "passed probation", good.version, good.hash, {}});
     save();
-    store_->dropGoodExcept(good.sha256);
+    store_->dropGoodExcept(good.hash);
     hostLog(kHostInfo, "package ", named(good), " passed its probation: it is the last good package now");
     return true;
 }
@@ -214,7 +216,7 @@ std::string SafeReload::programFailed(std::string const& module, std::string con
 bool SafeReload::rollBack(std::string const& reason, std::function<void()> const& replace) {
     probationEnd_.reset();
     record_.probationUntil.reset();
-    if (!record_.lastGood || !record_.installed || !store_->stageGood(record_.lastGood->sha256)) {
+    if (!record_.lastGood || !record_.installed || !store_->stageGood(record_.lastGood->hash)) {
         hostLog(kHostError, "the package on probation fails: ", reason,
                 "; there is no last good package to go back to");
         save();
@@ -224,8 +226,8 @@ bool SafeReload::rollBack(std::string const& reason, std::function<void()> const
     PackageInfo const good = *record_.lastGood;
     // Said before the modules are replaced: a power cut meanwhile must not
     // install the failing package again.
-    record_.rolledBack.insert(bad.sha256);
-    record_.note({wallSeconds(), "rolled back", bad.version, bad.sha256, reason});
+    record_.rolledBack.insert(bad.hash);
+    record_.note({wallSeconds(), "rolled back", bad.version, bad.hash, reason});
     save();
     hostLog(kHostError, "reload rolled back: ", reason, "; package ", named(bad), " replaced by ",
             named(good));

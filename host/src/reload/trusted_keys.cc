@@ -69,6 +69,15 @@ minisign::PublicKey const* TrustedKeys::find(minisign::KeyId const& id) const {
 
 std::string verifyPackage(std::string const& package, std::string const& signatureFile,
                           TrustedKeys const& keys, PackageSigner& signer) {
+    try {
+        return verifyPackage(package, minisign::hashFile(package), signatureFile, keys, signer);
+    } catch (std::exception const& e) {
+        return e.what();
+    }
+}
+
+std::string verifyPackage(std::string const& package, minisign::FileHash const& hash,
+                          std::string const& signatureFile, TrustedKeys const& keys, PackageSigner& signer) {
     std::string text, why;
     if (!readSmall(signatureFile, minisign::kMaxSignatureBytes, text, why))
         return "no signature: " + signatureFile + ": " + why;
@@ -77,7 +86,7 @@ std::string verifyPackage(std::string const& package, std::string const& signatu
         minisign::PublicKey const* key = keys.find(signature.keyId);
         if (key == nullptr)
             return "signed by a key that is not trusted (" + minisign::keyIdText(signature.keyId) + ")";
-        std::string const problem = minisign::verify(signature, *key, package, minisign::hashFile(package));
+        std::string const problem = minisign::verify(signature, *key, package, hash);
         if (!problem.empty()) return problem + " (key " + minisign::keyIdText(signature.keyId) + ")";
         signer = PackageSigner{minisign::keyIdText(signature.keyId), signature.trustedComment};
         return {};
