@@ -40,3 +40,14 @@ function(nxa_install_default_file source)
     list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${dest}\")
   " COMPONENT tools)
 endfunction()
+
+# Makes the folder of the keys the host trusts (<settings>/nxahost/trusted-keys.d),
+# empty: packages are checked once a key is put there.
+function(nxa_install_trusted_keys_dir)
+  install(CODE "
+    ${nxa_unit_sysconfdir_code}
+    set(dest \"\$ENV{DESTDIR}\${NXA_ETC}/nxahost/trusted-keys.d\")
+    message(STATUS \"Installing: \${dest}\")
+    file(MAKE_DIRECTORY \"\${dest}\")
+  " COMPONENT tools)
+endfunction()

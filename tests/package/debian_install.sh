@@ -77,6 +77,7 @@ chroot "$work/root" sh -c 'apt-get update -qq && DEBIAN_FRONTEND=noninteractive 
     --no-install-recommends /debs/*.deb netcat-openbsd pkg-config' >"$work/apt.log" 2>&1 || { tail -30 "$work/apt.log"; exit 1; }
 chroot "$work/root" dpkg -s libnxaclient0 libnxaclient-dev nxahost | grep -c '^Status: install ok installed' | grep -qx 3
 test -d "$work/root/var/opt/velmora/nxa"
+test -d "$work/root/etc/nxahost/trusted-keys.d"
 test -f "$work/root/usr/share/man/man8/nxahost.8.gz"
 chroot "$work/root" pkg-config --modversion nxaclient
 
