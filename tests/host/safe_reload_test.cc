@@ -63,6 +63,15 @@ protected:
         return s;
     }
 
+    // Starts with `package` and lets its probation run out: it is the last good one.
+    void startAndPassProbation(std::string const& package) {
+        nxatest::writeFile(kDelivered, package);
+        reload.takeForStart();
+        reload.started();
+        clock.advance(std::chrono::seconds(60));
+        ASSERT_TRUE(reload.endProbationIfDue());
+    }
+
     nxatest::Capture quiet;
     FakeClock clock;
     nxahost::SafeReload reload{setup(), clock};
@@ -172,11 +181,7 @@ TEST_F(SafeReload, APackageOnProbationBecomesTheLastGoodOneWhenItsTimeIsOver) {
 // of no record's: the next host removes it and keeps the one its record names.
 TEST_F(SafeReload, OnlyTheGoodCopyTheRecordNamesIsKept) {
     std::string const first = makePackage({"m1", "m2"}, "first");
-    nxatest::writeFile(kDelivered, first);
-    reload.takeForStart();
-    reload.started();
-    clock.advance(std::chrono::seconds(60));
-    ASSERT_TRUE(reload.endProbationIfDue());
+    ASSERT_NO_FATAL_FAILURE(startAndPassProbation(first));
     std::string const good = kGood + reload.record().lastGood->hash + ".zip";
     std::string const orphan = std::string(kGood) + std::string(64, 'a') + ".zip";
     nxatest::writeFile(orphan, "half a package");
@@ -187,11 +192,7 @@ TEST_F(SafeReload, OnlyTheGoodCopyTheRecordNamesIsKept) {
 
 TEST_F(SafeReload, FailuresWithinTheProbationRollBackToTheLastGoodPackageForGood) {
     std::string const first = makePackage({"m1", "m2"}, "first");
-    nxatest::writeFile(kDelivered, first);
-    reload.takeForStart();
-    reload.started();
-    clock.advance(std::chrono::seconds(60));
-    ASSERT_TRUE(reload.endProbationIfDue());
+    ASSERT_NO_FATAL_FAILURE(startAndPassProbation(first));
     nxatest::writeFile(kDelivered, makePackage({"m1", "m2"}, "second", "2.0"));
     ASSERT_EQ(reload.takeForReload(), "");
     reload.install([] {});
@@ -230,11 +231,7 @@ TEST_F(SafeReload, WithNoLastGoodPackageThereIsNothingToGoBackTo) {
 
 TEST_F(SafeReload, AtStartARefusedPackageGivesWayToTheLastGoodOne) {
     std::string const first = makePackage({"m1", "m2"}, "first");
-    nxatest::writeFile(kDelivered, first);
-    reload.takeForStart();
-    reload.started();
-    clock.advance(std::chrono::seconds(60));
-    ASSERT_TRUE(reload.endProbationIfDue());
+    ASSERT_NO_FATAL_FAILURE(startAndPassProbation(first));
     // The device restarts with a broken package delivered.
     nxatest::writeFile(kDelivered, makePackage({"m2"}, "second"));
     nxahost::SafeReload again(setup(), clock);
