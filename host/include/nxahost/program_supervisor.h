@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "backoff.h"
 #include "clock.h"
 
 namespace nxahost {
@@ -147,8 +148,6 @@ public:
     std::size_t restarting() const { return scheduled_ + ending_; }
     std::size_t ended() const;
 
-    static constexpr std::chrono::seconds kFirstDelay{1};
-    static constexpr std::chrono::seconds kLongestDelay{60};
     static constexpr std::chrono::seconds kRunLongEnough{60};
     // How long an old program has to end after SIGTERM before it is killed.
     static constexpr std::chrono::milliseconds kGrace{1000};
@@ -159,7 +158,7 @@ public:
 private:
     struct Program {
         Status status;
-        std::chrono::milliseconds nextDelay{kFirstDelay};
+        Backoff backoff;
         bool reported = false;
         // Set while the old program of a restart is ending: when it is killed.
         std::optional<time_point> killAt;

@@ -111,10 +111,8 @@ bool ProgramSupervisor::wantsRestart(bool failed) const {
 
 // Doubles from one restart to the next; a program that ran long enough starts over.
 milliseconds ProgramSupervisor::delayFor(Program& program) {
-    if (clock_.now() - program.status.startedAt >= kRunLongEnough) program.nextDelay = kFirstDelay;
-    milliseconds const base = program.nextDelay;
-    program.nextDelay = std::min<milliseconds>(base * 2, kLongestDelay);
-    return base + jitter_.upTo(base / 5);
+    if (clock_.now() - program.status.startedAt >= kRunLongEnough) program.backoff.reset();
+    return program.backoff.next(jitter_);
 }
 
 bool ProgramSupervisor::advance() {
