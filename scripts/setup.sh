@@ -20,6 +20,9 @@ packages=(
     # Signed packages: libsodium for the signatures, minisign for its key
     # files and to sign and verify beside the host in the tests.
     libsodium-dev minisign
+    # Packages from the centre: libcurl downloads them; the tests serve them
+    # with nginx over TLS with certificates made by openssl.
+    libcurl4-openssl-dev nginx openssl
 )
 
 missing=()
