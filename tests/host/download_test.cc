@@ -9,9 +9,9 @@
 #include <vlplatform/fd_set.h>
 
 #include <fstream>
-#include <functional>
 #include <random>
 
+#include "drive_loop.h"
 #include "fakes.h"
 #include "package_server.h"
 #include "shell.h"
@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 using nxahost::Download;
 using nxahost::DownloadRequest;
 using State = nxahost::Download::State;
+using hosttest::driveUntil;
 
 std::string randomBytes(std::size_t count) {
     std::mt19937 random(7);
@@ -40,25 +41,10 @@ bool exists(std::string const& path) {
     return stat(path.c_str(), &info) == 0;
 }
 
-// Moves `download` on in a loop of its own until `until` holds (true) or
-// `limit` passes (false).
-bool driveUntil(Download& download, std::function<bool()> const& until, std::chrono::seconds limit = 20s) {
-    auto const end = std::chrono::steady_clock::now() + limit;
-    FdSet rd, wr;
-    while (!until()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        rd.clear();
-        wr.clear();
-        int const timeout = download.addFds(rd, wr, 100);
-        if (waitFds(rd, wr, timeout) < 0) return false;
-        download.serve(rd, wr);
-    }
-    return true;
-}
-
 bool driveToEnd(Download& download, std::chrono::seconds limit = 20s) {
     return driveUntil(
-        download, [&] { return download.state() == State::done || download.state() == State::failed; }, limit);
+        download, [&] { return download.state() == State::done || download.state() == State::failed; },
+        limit);
 }
 
 class DownloadTest : public ::testing::Test {
@@ -203,7 +189,8 @@ TEST_F(DownloadTest, AnUnreachableServerIsTriedAgainAfterOneThenTwoSecondsUntilI
     EXPECT_NE(download.reason().find("Failed to connect"), std::string::npos) << download.reason();
     EXPECT_EQ(*download.retryAt() - clock_.now(), 1s);
     clock_.advance(1s);
-    ASSERT_TRUE(driveUntil(download, [&] { return download.attempts() == 2 && download.state() == State::waiting; }));
+    ASSERT_TRUE(
+        driveUntil(download, [&] { return download.attempts() == 2 && download.state() == State::waiting; }));
     EXPECT_EQ(*download.retryAt() - clock_.now(), 2s);
     // The wait the loop is given is the time to the retry.
     FdSet rd, wr;

@@ -2,10 +2,10 @@
 // ends, a download whose server is away.
 #pragma once
 
-#include "clock.h"
-
 #include <algorithm>
 #include <chrono>
+
+#include "clock.h"
 
 namespace nxahost {
 

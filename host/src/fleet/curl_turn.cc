@@ -15,7 +15,8 @@ namespace {
 void initialiseCurlOnce() {
     static std::once_flag once;
     std::call_once(once, [] {
-        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) throw std::runtime_error("cannot initialise libcurl");
+        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+            throw std::runtime_error("cannot initialise libcurl");
     });
 }
 

@@ -229,7 +229,7 @@ void Download::finished(int curlResult) {
 void Download::checkWhole() {
     if (request_.sizeIsExact && received_ != request_.size)
         return fail("it has " + std::to_string(received_) + " bytes, not the declared " +
-                      std::to_string(request_.size));
+                    std::to_string(request_.size));
     if (!request_.sha256.empty() && !hashMatches())
         return fail("its SHA-256 is " + sha256() + ", not the declared " + request_.sha256);
     done();
