@@ -80,28 +80,58 @@ void PackageServer::writeConfiguration(unsigned slowBytesPerSecond) const {
     writeFile(dir_ + "/nginx.conf",
               "daemon off;\n"
               "master_process off;\n"
-              "pid " + dir_ + "/nginx.pid;\n"
-              "error_log " + dir_ + "/error.log;\n"
-              "events { worker_connections 64; }\n"
-              "http {\n"
-              "  log_format tests '$status \"$http_range\" $request_uri';\n"
-              "  access_log " + dir_ + "/access.log tests;\n"
-              "  client_body_temp_path " + temp + "/body;\n"
-              "  proxy_temp_path " + temp + "/proxy;\n"
-              "  fastcgi_temp_path " + temp + "/fastcgi;\n"
-              "  uwsgi_temp_path " + temp + "/uwsgi;\n"
-              "  scgi_temp_path " + temp + "/scgi;\n"
-              "  default_type application/octet-stream;\n"
-              "  server {\n"
-              "    listen 127.0.0.1:" + std::to_string(httpPort_) + ";\n"
-              "    listen 127.0.0.1:" + std::to_string(httpsPort_) + " ssl;\n"
-              "    ssl_certificate " + dir_ + "/server.pem;\n"
-              "    ssl_certificate_key " + dir_ + "/server.key;\n"
-              "    root " + files + ";\n"
-              "    location /slow/ { alias " + files + "/; limit_rate " + std::to_string(slowBytesPerSecond) + "; }\n"
-              "    location /norange/ { alias " + files + "/; max_ranges 0; }\n"
-              "  }\n"
-              "}\n");
+              "pid " +
+                  dir_ +
+                  "/nginx.pid;\n"
+                  "error_log " +
+                  dir_ +
+                  "/error.log;\n"
+                  "events { worker_connections 64; }\n"
+                  "http {\n"
+                  "  log_format tests '$status \"$http_range\" $request_uri';\n"
+                  "  access_log " +
+                  dir_ +
+                  "/access.log tests;\n"
+                  "  client_body_temp_path " +
+                  temp +
+                  "/body;\n"
+                  "  proxy_temp_path " +
+                  temp +
+                  "/proxy;\n"
+                  "  fastcgi_temp_path " +
+                  temp +
+                  "/fastcgi;\n"
+                  "  uwsgi_temp_path " +
+                  temp +
+                  "/uwsgi;\n"
+                  "  scgi_temp_path " +
+                  temp +
+                  "/scgi;\n"
+                  "  default_type application/octet-stream;\n"
+                  "  server {\n"
+                  "    listen 127.0.0.1:" +
+                  std::to_string(httpPort_) +
+                  ";\n"
+                  "    listen 127.0.0.1:" +
+                  std::to_string(httpsPort_) +
+                  " ssl;\n"
+                  "    ssl_certificate " +
+                  dir_ +
+                  "/server.pem;\n"
+                  "    ssl_certificate_key " +
+                  dir_ +
+                  "/server.key;\n"
+                  "    root " +
+                  files +
+                  ";\n"
+                  "    location /slow/ { alias " +
+                  files + "/; limit_rate " + std::to_string(slowBytesPerSecond) +
+                  "; }\n"
+                  "    location /norange/ { alias " +
+                  files +
+                  "/; max_ranges 0; }\n"
+                  "  }\n"
+                  "}\n");
 }
 
 void PackageServer::start() {
