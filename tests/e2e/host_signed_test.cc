@@ -111,7 +111,7 @@ TEST_F(HostSigned, AGoodSignedPackageInstallsAndEachForgeryIsRefusedBeforeAnythi
     struct Forgery {
         std::string what, prepare, reason;
     };
-    std::string const bId = run("sed -n 's/.*public key //p' b.pub").output.substr(0, 16);
+    std::string const bId = printedKeyId("b.pub");
     std::vector<Forgery> const forgeries = {
         {"no signature", "cp other.zip forged.zip",
          "no signature: /var/opt/velmora/.nxahost/incoming.zip.minisig: "},
@@ -176,7 +176,7 @@ TEST_F(HostSigned, KeysRotateByTheFolderWithoutARestart) {
     host->signal(SIGHUP);
     EXPECT_TRUE(serves("by b")) << describe(*host);
     // The old key is retired: its packages no longer install.
-    std::string const aId = run("sed -n 's/.*public key //p' keys/a.pub").output.substr(0, 16);
+    std::string const aId = printedKeyId("keys/a.pub");
     ASSERT_EQ(run("rm keys/a.pub").status, 0);
     std::string const againByA = pack("again-by-a", "1.2", steady("again by a"));
     sign(againByA, "a");

@@ -21,6 +21,14 @@ void makeKeyPair(std::string const& name, std::string const& dir) {
     ASSERT_EQ(made.status, 0) << made.output;
 }
 
+std::string printedKeyId(std::string const& pub) {
+    std::string const text = nxatest::readFile(pub[0] == '/' ? pub : scratchDir() + "/" + pub);
+    std::size_t const at = text.find("public key ");
+    if (at == std::string::npos) return "";
+    std::size_t const from = at + 11;
+    return text.substr(from, text.find('\n', from) - from);
+}
+
 std::string packVersion(std::string const& package, std::string const& version,
                         std::vector<ModuleSource> const& modules) {
     std::vector<std::string> folders;

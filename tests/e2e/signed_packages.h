@@ -18,6 +18,10 @@ struct ModuleSource {
 // without a password (`dir`: the scratch folder when empty).
 void makeKeyPair(std::string const& name, std::string const& dir = "");
 
+// The key id minisign wrote in the comment line of the public key file
+// `pub` (a path, or a name in the scratch folder).
+std::string printedKeyId(std::string const& pub);
+
 // Packs the modules, each with a Manifest naming `version`, into
 // <scratch>/<package>.zip with nxapack; returns the file.
 std::string packVersion(std::string const& package, std::string const& version,

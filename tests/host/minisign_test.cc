@@ -55,7 +55,7 @@ protected:
     std::string printedKeyId() {
         std::string const text = readFile(path("k.pub"));
         std::size_t const at = text.find("public key ") + 11;
-        return text.substr(at, 16);
+        return text.substr(at, text.find('\n', at) - at);
     }
     std::string verifyHere(std::string const& package = "nxa.zip",
                            std::string const& signature = "nxa.zip.minisig") {
@@ -66,6 +66,14 @@ protected:
 
     std::string dir;
 };
+
+TEST(MinisignKeyId, IsPrintedAsMinisignDoesWithoutLeadingZeros) {
+    // Stored little-endian: the number is 0x066BC72623273955.
+    minisign::KeyId const id{0x55, 0x39, 0x27, 0x23, 0x26, 0xC7, 0x6B, 0x06};
+    EXPECT_EQ(minisign::keyIdText(id), "66BC72623273955");
+    EXPECT_EQ(minisign::keyIdText(minisign::KeyId{}), "0");
+    EXPECT_EQ(minisign::keyIdText(minisign::KeyId{1, 2, 3, 4, 5, 6, 7, 0xF8}), "F807060504030201");
+}
 
 TEST_F(Minisign, ReadsMinisignsPublicKeyWithTheIdItPrints) {
     minisign::PublicKey const key = minisign::parsePublicKey(readFile(path("k.pub")));

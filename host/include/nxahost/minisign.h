@@ -16,7 +16,8 @@ namespace nxahost::minisign {
 using KeyId = std::array<std::uint8_t, 8>;
 using FileHash = std::array<std::uint8_t, 64>;
 
-// The key id as minisign prints it: 16 upper-case hex digits.
+// The key id as minisign prints it: the little-endian number in upper-case
+// hex digits, without leading zeros (so up to 16 digits).
 std::string keyIdText(KeyId const& id);
 
 // A public key: what `minisign -G` writes to minisign.pub.

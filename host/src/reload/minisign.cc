@@ -120,8 +120,10 @@ Bytes readWhole(std::string const& path, std::size_t most) {
 }  // namespace
 
 std::string keyIdText(KeyId const& id) {
+    unsigned long long number = 0;
+    for (std::size_t i = 0; i < 8; ++i) number = (number << 8) | id[7 - i];
     char text[17];
-    for (std::size_t i = 0; i < 8; ++i) std::snprintf(text + 2 * i, 3, "%02X", id[7 - i]);
+    std::snprintf(text, sizeof text, "%llX", number);
     return text;
 }
 
