@@ -32,6 +32,11 @@ std::string staging() {
 
 constexpr char kReady[] = "printf 'ready\\n'; while :; do sleep 1; done";
 constexpr char kConnected[] = "[INFO] NXAModule::Module() connection to VLPBus server established";
+// The check of a package file that is no zip archive (its copy, incoming.zip).
+constexpr char kNotAZip[] =
+    "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/.nxahost/incoming.zip -> "
+    "/var/opt/velmora/.nxahost/check/package: failed: cannot open /var/opt/velmora/.nxahost/incoming.zip: "
+    "Not a zip archive";
 // Without a trusted key the host says first that it does not check packages.
 constexpr char kUnchecked[] =
     "[WARNING] nxahost: packages are not checked: no trusted key in /etc/nxahost/trusted-keys.d "
@@ -124,24 +129,16 @@ TEST_F(HostBadInput, TruncatedPackageIsRefusedBeforeTheModulesDirectoryIsTouched
     installPackage({writeModule(sources(), "alpha", "noarch", kReady)});
     std::string const whole = nxatest::readFile(kPackage);
     nxatest::writeFile(kPackage, whole.substr(0, whole.size() / 2));
-    expectSetupFailure({"alpha"},
-                       {kConnected,
-                        "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/.nxahost/incoming.zip -> "
-                        "/var/opt/velmora/.nxahost/check/package: failed: cannot open "
-                        "/var/opt/velmora/.nxahost/incoming.zip: Not a zip archive",
-                        "[ERROR] nxahost: /var/opt/velmora/nxa.zip cannot be unpacked"});
+    expectSetupFailure(
+        {"alpha"}, {kConnected, kNotAZip, "[ERROR] nxahost: /var/opt/velmora/nxa.zip cannot be unpacked"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"earlier"});
     EXPECT_EQ(listDir(kUnpackDir), std::vector<std::string>{});
 }
 
 TEST_F(HostBadInput, PackageThatIsNoZipIsRefusedAndEndsTheHost) {
     nxatest::writeFile(kPackage, "this is not a zip archive\n");
-    expectSetupFailure({"alpha"},
-                       {kConnected,
-                        "[WARNING] zipper::unZipWithDirs() /var/opt/velmora/.nxahost/incoming.zip -> "
-                        "/var/opt/velmora/.nxahost/check/package: failed: cannot open "
-                        "/var/opt/velmora/.nxahost/incoming.zip: Not a zip archive",
-                        "[ERROR] nxahost: /var/opt/velmora/nxa.zip cannot be unpacked"});
+    expectSetupFailure(
+        {"alpha"}, {kConnected, kNotAZip, "[ERROR] nxahost: /var/opt/velmora/nxa.zip cannot be unpacked"});
     EXPECT_EQ(listDir(kModulesDir), std::vector<std::string>{"earlier"});
 }
 
