@@ -45,6 +45,8 @@ TEST(HostOptions, HelpDescribesEveryOptionWithItsDefaultAndExitsZero) {
                              "(default on-failure)",
                              "--client-timeout S",
                              "(default 60)",
+                             "--fleet",
+                             "--ca-file FILE",
                              "--help",
                              "INT and TERM stop the modules and exit 0",
                              "USR1 prints the run log",
@@ -109,6 +111,13 @@ TEST(HostOptions, NoModuleNamedIsRefused) {
 TEST(HostOptions, EmptyBusNameIsRefused) {
     NXA_REQUIRE_SANDBOX();
     expectRefused({{"--bus-name=", "clock"}, "--bus-name must not be empty"});
+}
+
+TEST(HostOptions, ACaFileIsOnlyTakenWithFleetAndMustBeReadable) {
+    NXA_REQUIRE_SANDBOX();
+    expectRefused({{"--ca-file", "/etc/hostname", "clock"}, "--ca-file is for --fleet's downloads"});
+    expectRefused({{"--fleet", "--ca-file", "/nonexistent/ca.pem", "clock"},
+                   "--ca-file: cannot read /nonexistent/ca.pem: No such file or directory"});
 }
 
 }  // namespace

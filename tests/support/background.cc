@@ -24,12 +24,16 @@ std::string const& backgroundDir() {
 }
 
 Background::Background(std::string const& command, bool withInput) {
-    static int serial = 0;
-    file_ = backgroundDir() + "/" + std::to_string(::getpid()) + "." + std::to_string(++serial) + ".out";
+    // A name made unique by the file system: tests in sandboxes of their
+    // own share this folder, and their process ids repeat from one process-id
+    // namespace to the next.
+    std::string pattern = backgroundDir() + "/" + std::to_string(::getpid()) + ".XXXXXX.out";
+    int const out = ::mkostemps(pattern.data(), 4, O_APPEND | O_CLOEXEC);
+    if (out < 0)
+        ADD_FAILURE() << "cannot create a file in " << backgroundDir() << ": " << std::strerror(errno);
+    file_ = pattern;
     int pipeEnds[2] = {-1, -1};
     if (withInput && ::pipe2(pipeEnds, O_CLOEXEC) != 0) ADD_FAILURE() << "pipe: " << std::strerror(errno);
-    int const out = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0) ADD_FAILURE() << "cannot create " << file_ << ": " << std::strerror(errno);
     int const in = withInput ? pipeEnds[0] : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     pid_ = ::fork();
     if (pid_ == 0) {

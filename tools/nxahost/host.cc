@@ -111,11 +111,13 @@ int Host::run() {
     // Said once the modules run, after their ports: it is no module's.
     if (web_)
         hostLog(kHostInfo, "browser console on http://", options_.webAddress, ":", options_.webPort, "/");
+    startFleet();
     notifier_.ready(statusText());
     while (!stopping_) turn();
     hostLog(kHostInfo, "stopping");
     supervisor_.abandonRestarts("the host is stopping");
     stopModules();
+    stopFleet();
     return 0;
 }
 
@@ -240,6 +242,7 @@ std::string Host::reload(bool allowDowngrade) {
         return problem;
     }
     package_.install([this] { replaceModules(); });
+    sayPresence("online");
     return {};
 }
 
@@ -253,6 +256,8 @@ void Host::rollBack() {
                           {"reason", reason},
                           {"from", from},
                           {"to", package_.record().installed->version}});
+    if (fleet_) fleet_->report("rolled back", reason);
+    sayPresence("online");
 }
 
 // A package event to the bus server, as the modules tell it their state.

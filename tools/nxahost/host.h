@@ -7,6 +7,7 @@
 #include <nxahost/clock.h>
 #include <nxahost/control_server.h>
 #include <nxahost/facade_programs.h>
+#include <nxahost/fleet_agent.h>
 #include <nxahost/host_signals.h>
 #include <nxahost/module_ports.h>
 #include <nxahost/program_supervisor.h>
@@ -65,6 +66,13 @@ private:
     void advanceRestarts();
     void startWebConsole();
 
+    // host_fleet.cc: following the package the fleet's centre wants.
+    void startFleet();
+    void serveFleet();
+    void sayPresence(char const* state);
+    void stopFleet();
+    std::string runningSha256() const;
+
     // host_turn.cc: one turn of the loop.
     void turn();
     bool waitForEvents();
@@ -91,6 +99,8 @@ private:
     nxahost::ServiceNotifier notifier_;
     // The browser console; null when it is off.
     std::unique_ptr<nxahost::WebConsole> web_;
+    // The fleet's desired package followed; null without --fleet.
+    std::unique_ptr<nxahost::FleetAgent> fleet_;
     FdSet rd_;
     FdSet wr_;
     bool stopping_ = false;

@@ -25,6 +25,7 @@ void Host::turn() {
     serveModules();
     serveWebConsole();
     serveOwnBus();
+    serveFleet();
     auto const now = Clock::now();
     keepOwnBusConnected(now);
     keepModuleBusesConnected(now);
@@ -36,7 +37,8 @@ void Host::turn() {
     if (due && *due <= clock_.now()) advanceRestarts();
     if (!rollbackReason_.empty()) rollBack();
     auto const probation = package_.probationEnd();
-    if (probation && *probation <= clock_.now()) package_.endProbationIfDue();
+    if (probation && *probation <= clock_.now() && package_.endProbationIfDue() && fleet_)
+        fleet_->report("running");
     notifier_.turned();
 }
 
@@ -48,6 +50,7 @@ bool Host::waitForEvents() {
     rd_.add(bus_.fd());
     int timeout = waitTimeoutMs(Clock::now());
     if (web_) timeout = web_->addFds(rd_, wr_, timeout);
+    if (fleet_) timeout = fleet_->addFds(rd_, wr_, timeout);
     if (waitFds(rd_, wr_, timeout) >= 0) return true;
     if (errno == EINTR) {
         // The console's turn ends with nothing ready.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -47,6 +48,11 @@ std::string usage() {
         "  --probation-failures N\n"
         "                      failures of one module's program that roll a new package back\n"
         "                      (default 3)\n"
+        "  --fleet             follow the package the fleet's centre wants for this device: the\n"
+        "                      desired package arrives on the local broker through the fleet\n"
+        "                      bridge, is downloaded, checked and installed; each step is reported\n"
+        "  --ca-file FILE      trust only FILE's certificates for the fleet's downloads (default: the\n"
+        "                      system's store)\n"
         "  --web ADDRESS:PORT  serve the browser console on this IPv4 address and port, or\n"
         "                      off (default 127.0.0.1:20080); it has no authentication\n"
         "  --web-root DIR      the browser console's pages and scripts (default share/nxa/web\n"
@@ -77,6 +83,8 @@ enum Option {
     kTrustedKeys,
     kProbation,
     kProbationFailures,
+    kFleet,
+    kCaFile,
     kHelp
 };
 
@@ -96,6 +104,8 @@ option const kOptions[] = {
     {"trusted-keys", required_argument, nullptr, kTrustedKeys},
     {"probation", required_argument, nullptr, kProbation},
     {"probation-failures", required_argument, nullptr, kProbationFailures},
+    {"fleet", no_argument, nullptr, kFleet},
+    {"ca-file", required_argument, nullptr, kCaFile},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -233,6 +243,12 @@ std::string applyOption(int option, char const* value, HostOptions& options) {
                 return "--probation-failures needs a number from 1 to 1000, not '" + std::string(value) + "'";
             options.probationFailures = static_cast<unsigned>(number);
             break;
+        case kFleet:
+            options.fleet = true;
+            break;
+        case kCaFile:
+            options.caFile = value;
+            break;
         case kDebug:
             if (!parseNumber(value, 0, UINT_MAX, number))
                 return "--debug needs a whole number, not '" + std::string(value) + "'";
@@ -269,6 +285,10 @@ ParsedCommandLine parseCommandLine(int argc, char* const argv[]) {
     }
     if (result.options.modules.empty()) return usageError("no module named");
     if (result.options.busName.empty()) return usageError("--bus-name must not be empty");
+    HostOptions const& options = result.options;
+    if (!options.caFile.empty() && !options.fleet) return usageError("--ca-file is for --fleet's downloads");
+    if (!options.caFile.empty() && access(options.caFile.c_str(), R_OK) != 0)
+        return usageError("--ca-file: cannot read " + options.caFile + ": " + std::strerror(errno));
     if (result.options.webRoot.empty()) result.options.webRoot = nxahost::installedWebRoot();
     result.run = true;
     return result;

@@ -32,6 +32,11 @@ struct HostOptions {
     // module's program within it roll it back.
     unsigned probationSeconds = 60;
     unsigned probationFailures = 3;
+    // Whether the host follows the package the fleet's centre wants for this
+    // device (on the local broker, through its bridge), and the certificates
+    // trusted for the downloads (empty: the system's store).
+    bool fleet = false;
+    std::string caFile;
     std::string webAddress = "127.0.0.1";
     unsigned short webPort = 20080;
     std::string webRoot;

@@ -57,4 +57,8 @@ private:
     std::string reason_;
 };
 
+// The SHA-256 of the file at `path`, in lowercase hex; empty when it cannot
+// be read.
+std::string fileSha256(std::string const& path);
+
 }  // namespace nxahost

@@ -63,6 +63,9 @@ public:
     std::string const& installDir() const;
     // The package as delivered.
     std::string const& delivered() const;
+    // The host's copy of the package whose modules run; the file is not
+    // there before a package has run.
+    std::string const& runningCopy() const;
     // Whether packages must be signed by a trusted key.
     bool checksSignatures() const { return checking_; }
 

@@ -1,5 +1,7 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <nxahost/package_fetch.h>
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -99,6 +101,25 @@ std::string PackageFetch::reason() const {
     if (state_ == State::failed) return reason_;
     if (signature_) return signature_->reason().empty() ? "" : "its signature: " + signature_->reason();
     return package_->reason().empty() ? "" : "the package: " + package_->reason();
+}
+
+std::string fileSha256(std::string const& path) {
+    if (sodium_init() < 0) return {};
+    int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return {};
+    crypto_hash_sha256_state state;
+    crypto_hash_sha256_init(&state);
+    unsigned char chunk[65536];
+    ssize_t got = 0;
+    while ((got = read(fd, chunk, sizeof chunk)) > 0)
+        crypto_hash_sha256_update(&state, chunk, static_cast<unsigned long long>(got));
+    close(fd);
+    if (got < 0) return {};
+    unsigned char digest[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256_final(&state, digest);
+    char text[crypto_hash_sha256_BYTES * 2 + 1];
+    sodium_bin2hex(text, sizeof text, digest, sizeof digest);
+    return text;
 }
 
 }  // namespace nxahost

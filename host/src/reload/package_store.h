@@ -32,6 +32,8 @@ public:
     std::string const& incoming() const { return incoming_; }
     std::string incomingSignature() const { return incoming_ + ".minisig"; }
     std::string const& checkDir() const { return checkDir_; }
+    // The copy of the package whose modules run (there once one has run).
+    std::string const& running() const { return running_; }
     // The record of the packages (see PackageRecord).
     std::string const& recordPath() const { return record_; }
 

@@ -54,6 +54,10 @@ std::string const& SafeReload::delivered() const {
     return store_->delivered();
 }
 
+std::string const& SafeReload::runningCopy() const {
+    return store_->running();
+}
+
 // A package larger than what may be unpacked could never be installed.
 unsigned long long SafeReload::largestPackage() const {
     return zipper::unpackBudget(store_->installDir());
