@@ -154,6 +154,14 @@ TEST_F(FleetAgentTest, AnInstallTheHostRefusesIsReportedWithItsReason) {
     EXPECT_EQ(installs_, 1);
 }
 
+TEST_F(FleetAgentTest, AReasonThatIsNotUtf8IsReportedWithItsBadBytesReplaced) {
+    refusal_ = "cannot read /var/opt/velmora/caf\xe9";
+    publishDesired(wanted_.toJson());
+    std::unique_ptr<FleetAgent> agent = makeAgent();
+    ASSERT_TRUE(driveUntilStep(*agent, "failed: cannot read /var/opt/velmora/caf\xef\xbf\xbd"))
+        << states_->output();
+}
+
 TEST_F(FleetAgentTest, ADesiredPackageComingBackIsNotTakenAgain) {
     publishDesired(wanted_.toJson());
     std::unique_ptr<FleetAgent> agent = makeAgent();

@@ -38,7 +38,8 @@ public:
         std::string presence;
         std::string will;
     };
-    // Called with the topic and payload of each message received; must not throw.
+    // Called with the topic and payload of each message received; what it
+    // throws is written as an ERROR line and goes no further.
     using Receiver = std::function<void(std::string const& topic, std::string const& payload)>;
 
     // Starts connecting. Throws std::runtime_error when libmosquitto cannot

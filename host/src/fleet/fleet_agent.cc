@@ -114,7 +114,9 @@ void FleetAgent::publishStep(DesiredPackage const& wanted, std::string const& st
                          {"step", step}};
     if (percent >= 0) state["percent"] = percent;
     if (!reason.empty()) state["reason"] = reason;
-    link_->publishRetained(fleet::kStateTopic, state.dump());
+    // A reason from outside (a path, a server's words) may not be UTF-8.
+    link_->publishRetained(fleet::kStateTopic,
+                           state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 }  // namespace nxahost

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <nxahost/fleet_link.h>
+#include <nxahost/log.h>
 #include <poll.h>
 #include <vlplatform/descriptors.h>
 
@@ -146,7 +147,12 @@ void FleetLink::onMessage(mosquitto*, void* self, mosquitto_message const* messa
     if (message->payloadlen > 0)
         payload.assign(static_cast<char const*>(message->payload),
                        static_cast<std::size_t>(message->payloadlen));
-    link.receiver_(message->topic, payload);
+    // Nothing may be thrown through libmosquitto's C frames.
+    try {
+        link.receiver_(message->topic, payload);
+    } catch (std::exception const& e) {
+        hostLog(kHostError, "fleet: a message on ", message->topic, " could not be handled: ", e.what());
+    }
 }
 
 }  // namespace nxahost
