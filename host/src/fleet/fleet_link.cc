@@ -96,9 +96,14 @@ void FleetLink::serve(FdSet const& rd, FdSet const& wr) {
         return;
     }
     mosquitto* const handle = handle_.get();
+    bool const readable = rd.isSet(socket_);
+    bool const writable = wr.isSet(socket_) || mosquitto_want_write(handle);
+    // Most turns serve module output only: an idle link (no keep-alive to
+    // keep) costs them nothing more.
+    if (!readable && !writable) return;
     int rc = MOSQ_ERR_SUCCESS;
-    if (wr.isSet(socket_) || mosquitto_want_write(handle)) rc = mosquitto_loop_write(handle, 1);
-    if (rc == MOSQ_ERR_SUCCESS && rd.isSet(socket_)) rc = mosquitto_loop_read(handle, 1);
+    if (writable) rc = mosquitto_loop_write(handle, 1);
+    if (rc == MOSQ_ERR_SUCCESS && readable) rc = mosquitto_loop_read(handle, 1);
     if (rc == MOSQ_ERR_SUCCESS) rc = mosquitto_loop_misc(handle);
     if (rc != MOSQ_ERR_SUCCESS || refused_) return lose();
     syncSocket();
